@@ -1,0 +1,52 @@
+// DBAccess: owns one SQLite connection for its whole life and runs plain SQL
+// and prepared Statements on it. Every failure is thrown as sqlite_exception;
+// nothing here logs.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <string>
+
+#include "storage/Exception.h"
+#include "storage/Value.h"
+
+namespace Corvane::Tessaryn::UsageReporting::SQLiteDatabase {
+
+class Statement;
+
+class DBAccess {
+ public:
+  DBAccess(const std::string& path, int flags);
+  ~DBAccess();
+  DBAccess(const DBAccess&) = delete;
+  DBAccess& operator=(const DBAccess&) = delete;
+
+  void open_database();
+  void close_database();
+
+  void begin_transaction();
+  void commit_transaction();
+  void rollback_transaction();
+  bool is_auto_commit_on();
+
+  void execute_query(const std::string& sql);
+  void create_table(const std::string& sql);
+  // Appends one Row per result record to rows; earlier contents are kept.
+  void read_data(const std::string& sql, Rows& rows);
+
+  // Runs st once; it must finish (SQLITE_DONE) without yielding a record.
+  void execute_query_prepared(Statement& st);
+  // Runs st and appends every record it yields to rows.
+  void read_data_prepared(Statement& st, Rows& rows);
+
+  sqlite3* handle = nullptr;
+
+ private:
+  void exec_or_throw(const std::string& sql, const std::string& failure_message,
+                     int (*callback)(void*, int, char**, char**) = nullptr, void* context = nullptr);
+
+  int open_flags;
+  std::string database_path;
+};
+
+}  // namespace Corvane::Tessaryn::UsageReporting::SQLiteDatabase
