@@ -1,0 +1,10 @@
+// The database DDL (schema/anomaly_db.sql) compiled into the program, so the
+// tools and tests can build a database from any working folder.
+#pragma once
+
+namespace anomaly_schema {
+
+// The whole text of anomaly_db.sql, ready for sqlite3_exec.
+const char* anomaly_db_sql();
+
+}  // namespace anomaly_schema
