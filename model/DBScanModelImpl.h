@@ -1,0 +1,98 @@
+// DBSCAN density clustering of standardised feature rows. Run labels every row
+// as a member of cluster 1, 2, ... (numbered in order of discovery) or as
+// noise (-1); afterwards the object can name the nearest cluster of a noise row.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <queue>
+#include <vector>
+
+#include "model/ClosestClusterInfo.h"
+
+// The matrix handed to the clusterer: one row of doubles per job. The
+// clusterer iterates row ids 1..num_observations and trusts that count, not
+// the size of data; all those rows must have the same length.
+struct Observations {
+  std::vector<std::vector<double>> data;
+  int num_features = 0;
+  int num_observations = 0;
+};
+
+// One object serves one Run. Row ids are 1-based (row id 1 is data[0]);
+// labels and get_closest_cluster_for_observation use 0-based indices.
+//
+// Distances are cached in one contiguous n x n buffer and computed lazily,
+// each pair at most once: a row of the cache is filled in full the first time
+// that row's neighbourhood is needed, taking the pairs already known from the
+// rows filled before it. Rows not yet needed cost no memory traffic, so a run
+// that stops after row 1 touches a single row. Seen through
+// get_cached_distance, a pair not yet computed and the diagonal read -1.0.
+//
+// A second Run on the same object starts from scratch: it drops the previous
+// cache and the previous run's cluster_labels, so it behaves exactly like a
+// Run on a freshly constructed object.
+class DBScan {
+ public:
+  // run_mode 1 labels every row; run_mode 2 returns as soon as row id 1 has a
+  // positive label, leaving unvisited rows at 0. cluster_labels is written
+  // only when a run completes, so after such an early stop it is empty.
+  DBScan(double eps, int min_samples, int run_mode);
+  ~DBScan();
+
+  // Resizes labels to obs.num_observations (existing entries are kept, new
+  // ones are 0) and clusters. Throws std::runtime_error if the rows differ in
+  // length.
+  void Run(const Observations& obs, std::vector<int>& labels);
+
+  // For a 0-based index into the labels of the last completed run: the row's
+  // own label at distance 0.0 if it is clustered, otherwise the label of the
+  // nearest clustered row (ties: lowest index). (-1, -1.0) when out of range.
+  ClosestClusterInfo get_closest_cluster_for_observation(int index) const;
+
+  static double GetEuclideanDistance(const std::vector<double>& a, const std::vector<double>& b);
+  static std::vector<double> GetRowFromRowID(const Observations& obs, int row_id);
+
+  // Appends row_id itself, then every other row id j (ascending) with
+  // eps > distance, to the back of neighbours. Uses and fills this object's
+  // distance cache, which is started afresh when its size is not
+  // obs.num_observations; pairs not cached yet are computed from obs.
+  void GetNeighborsForRow(const Observations& obs, int row_id, std::queue<int>& neighbours);
+
+  // Appends size rows of size copies of fill to matrix; never clears it.
+  static void Init2DArray(int size, int fill, std::vector<std::vector<double>>& matrix);
+
+  const std::vector<int>& get_cluster_labels() const { return cluster_labels; }
+  // Side of the square distance cache (0 before any run).
+  int get_distance_matrix_size() const;
+  // Cached distance between 0-based rows i and j; -1.0 while not computed.
+  double get_cached_distance(int i, int j) const;
+
+ private:
+  class DistanceMatrix;
+
+  void start_fresh_cache(int n);
+  // Leaves row_id and its neighbours, in GetNeighborsForRow's order, in
+  // neighbourhood.
+  void find_neighbours(int row_id);
+  // Grows cluster k from the seed neighbourhood held in expansion_queue;
+  // true when run mode 2 has to stop at once.
+  bool expand_cluster(int k, std::vector<int>& labels);
+  bool must_stop(const std::vector<int>& labels) const;
+
+  double eps;
+  int min_samples;
+  int run_mode;
+  std::unique_ptr<DistanceMatrix> distance_matrix;
+  std::vector<int> cluster_labels;
+
+  // Working state of a run, kept between calls so the loops allocate nothing
+  // once the buffers have grown.
+  std::vector<int> expansion_queue;  // FIFO: entries before expansion_head are popped
+  std::size_t expansion_head = 0;
+  std::vector<int> neighbourhood;
+  int neighbourhood_row = 0;  // whose neighbourhood it holds; 0 = none
+  // Rows found not to be core, or already expanded: expanding them again
+  // could not change a label, so the expansion skips them.
+  std::vector<unsigned char> settled;
+};
