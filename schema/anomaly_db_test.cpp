@@ -315,3 +315,12 @@ TEST_F(SchemaTest, QueueAndFeedbackStatementsAreIndexSearches) {
     }
   }
 }
+
+// SQLite never sees what follows the first ';' of a text, so a trace cannot
+// check these two; their bytes are pinned here.
+TEST(DetectorSql, InsertTextsKeepTheirTrailingBlank) {
+  EXPECT_STREQ(kInsertHistory,
+               "INSERT OR REPLACE INTO HIST_DATA  VALUES ( ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
+               "?, ? ); ");
+  EXPECT_STREQ(kInsertModelParams, "INSERT OR REPLACE INTO DBSCAN_MODEL_PARAMS  VALUES ( ?, ?, ?, ?, ?, ?, ?, ?, ?, ? ); ");
+}

@@ -1,0 +1,495 @@
+#include "service/DetectionService.h"
+
+#include <jansson.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstdint>
+#include <initializer_list>
+#include <iomanip>
+#include <sstream>
+#include <stdexcept>
+
+#include "model/DBScanModelImpl.h"
+#include "model/EpsCalibrator.h"
+#include "model/StandardizeData.h"
+#include "platform/DebugLog.h"
+#include "platform/LocalTime.h"
+#include "schema/DetectorSql.h"
+#include "storage/Statement.h"
+#include "util/Directory.h"
+
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
+
+namespace {
+
+constexpr const char* kCategory = "dbscan_detection";
+constexpr int kOpenFlags = 0x8006;  // read-write | create | no-mutex
+// A stored eps is stale only when its capture date lies this far ahead of
+// now (a clock set back); one captured in the past is renewed by a
+// re-calibration mark, never by age.
+constexpr int32_t kCalibrationMaxAheadSeconds = 1209600;
+constexpr const char* kNoStorage = "NA";
+
+// The record's cells as text, in the order of the columns given.
+std::vector<std::string> texts_of(const DetectionService::Row& row, std::initializer_list<const char*> columns) {
+  std::vector<std::string> texts;
+  texts.reserve(columns.size());
+  for (const char* column : columns) {
+    const auto found = row.find(column);
+    texts.push_back(found == row.end() ? std::string() : found->second.text());
+  }
+  return texts;
+}
+
+// A missing column reads as an empty cell, as a Row lookup would.
+Value cell(const DetectionService::Row& row, const std::string& column) {
+  const auto found = row.find(column);
+  return found == row.end() ? Value() : found->second;
+}
+
+// Binds texts to placeholders first, first + 1, ...; returns the next index.
+int bind_texts(Statement& st, const std::vector<std::string>& texts, int first = 1) {
+  for (const std::string& text : texts) {
+    st.bind(first++, text);
+  }
+  return first;
+}
+
+// The workload key in the order of the history queries (APP_TYPE before
+// SCHEDULE_TYPE) ...
+std::vector<std::string> history_key(const DetectionService::Row& job) {
+  return texts_of(job, {"CLIENT", "POLICY", "POLICY_TYPE", "APP_TYPE", "SCHEDULE_TYPE", "SCHEDULE_NAME"});
+}
+
+// ... and in the order of the model-parameter table (APP_TYPE after
+// SCHEDULE_NAME, then storage and asset).
+std::vector<std::string> model_key(const DetectionService::Row& job) {
+  return texts_of(job, {"CLIENT", "POLICY", "POLICY_TYPE", "SCHEDULE_TYPE", "SCHEDULE_NAME", "APP_TYPE",
+                        "DESTINATION_STORAGE_NAME", "ASSET_ID"});
+}
+
+std::vector<std::string> plus(std::vector<std::string> head, std::initializer_list<std::string> tail) {
+  head.insert(head.end(), tail);
+  return head;
+}
+
+std::string toLower(const std::string& s) {
+  std::string lowered(s);
+  for (char& c : lowered) {
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  return lowered;
+}
+
+void capture_feature_if_not_disabled(const std::set<std::string>& disabled, const std::string& feature,
+                                     const DetectionService::Row& record, std::vector<double>& row) {
+  if (disabled.count(toLower(feature)) == 0) {
+    row.push_back(static_cast<double>(cell(record, feature)));
+  }
+}
+
+// A double truncated toward zero to 32 bits; values outside the int range
+// (and NaN) give INT_MIN, as the x86-64 conversion instruction does.
+int truncate_to_int(double value) {
+  if (!(value >= -2147483648.0 && value < 2147483648.0)) {
+    return INT32_MIN;
+  }
+  return static_cast<int>(value);
+}
+
+int32_t wrap_to_int32(int64_t value) { return static_cast<int32_t>(value); }
+
+std::string fixed2(double value) {
+  std::ostringstream out;
+  out << std::fixed << std::setprecision(2) << value;
+  return out.str();
+}
+
+constexpr double kKilobytesToMegabytes = 0.0009765625;
+
+std::string size_text(const anomaly_stat& s) {
+  return fixed2(s.current_value * kKilobytesToMegabytes) + " MB (Usual: " +
+         fixed2(s.usual_min * kKilobytesToMegabytes) + " MB - " + fixed2(s.usual_max * kKilobytesToMegabytes) +
+         " MB)";
+}
+
+std::string count_text(const anomaly_stat& s) {
+  return std::to_string(truncate_to_int(s.current_value)) + " (Usual: " + std::to_string(truncate_to_int(s.usual_min)) +
+         " - " + std::to_string(truncate_to_int(s.usual_max)) + ")";
+}
+
+std::string ratio_text(const anomaly_stat& s) {
+  return std::string(Value(s.current_value)) + " (Usual: " + std::string(Value(s.usual_min)) + " - " +
+         std::string(Value(s.usual_max)) + ")";
+}
+
+std::string detection_time_text(time_t now) {
+  struct tm local {};
+  ts_localtime(&now, &local);
+  char text[80];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S.66Z", &local);
+  return text;
+}
+
+void set_string(json_t* object, const char* key, const std::string& value) {
+  json_object_set_new(object, key, json_string(value.c_str()));
+}
+
+// One anomalous attribute of the payload: its member, its summary name and
+// how its text is written.
+struct PayloadAttribute {
+  const char* feature;
+  const char* member;
+  const char* summary_name;
+  std::string (*text)(const anomaly_stat&);
+  bool full_feature_set_only;
+};
+
+constexpr PayloadAttribute kPayloadAttributes[] = {
+    {"IMAGE_SIZE", "anomalyImageSize", "Anomaly image size", size_text, false},
+    {"NUM_FILES", "anomalyBackupFilesCount", "Backup files count", count_text, false},
+    {"KB_TRANSFERRED", "anomalyDataTransferred", "Data transferred", size_text, true},
+    {"TOTAL_TIME", "anomalyTimeTaken", "Total time", count_text, true},
+    {"DEDUP_RATE", "anomalyDeduplicationRatio", "Deduplication ratio", ratio_text, true},
+};
+
+}  // namespace
+
+DetectionService::DetectionService(const std::string& database_location, const std::string& database_file_name,
+                                   double eps, double min_samples, const std::string& config_file)
+    : database_location(database_location),
+      database_file_name(database_file_name),
+      config_file(config_file),
+      eps(eps),
+      min_samples(min_samples),
+      now([] { return ::time(nullptr); }) {
+  try {
+    db = std::make_unique<DBAccess>(Path::Combine(database_location, database_file_name), kOpenFlags);
+  } catch (const std::exception&) {
+    logmsgf(16, kCategory, "Could not create database %s", database_file_name.c_str());
+    throw std::exception();
+  }
+  init_feature_list();
+}
+
+DetectionService::~DetectionService() = default;
+
+void DetectionService::init_feature_list() {
+  feature_list = {"IMAGE_SIZE", "NUM_FILES", "KB_TRANSFERRED", "TOTAL_TIME", "DEDUP_RATE"};
+}
+
+int DetectionService::min_samples_as_int() const { return truncate_to_int(min_samples); }
+
+int32_t DetectionService::now_as_int() const { return wrap_to_int32(static_cast<int64_t>(now())); }
+
+void DetectionService::get_data_for_detection(Rows& rows) { db->read_data(detector_sql::kSelectPendingJobs, rows); }
+
+void DetectionService::update_processed_status(const std::string& unique_key) {
+  Statement st(db->handle, detector_sql::kMarkJobProcessed);
+  st.bind(1, unique_key);
+  db->execute_query_prepared(st);
+}
+
+bool DetectionService::check_stream_num_data_available(const Row& job) {
+  Statement st(db->handle, detector_sql::kCountHistoryOfStream);
+  const int next = bind_texts(st, history_key(job));
+  st.bind(next, static_cast<int>(cell(job, "STREAM_NUMBER")));
+  Rows rows;
+  db->read_data_prepared(st, rows);
+  return !rows.empty() && static_cast<int>(rows[0]["COUNT(*)"]) != 0;
+}
+
+int DetectionService::get_adj_min_observations_required(const Row& job, int min_observations, int& stream_count) {
+  const std::string asset = cell(job, "ASSET_ID");
+  Rows history;
+  {
+    Statement st(db->handle, detector_sql::kCountHistoryAnyStorage);
+    bind_texts(st, plus(history_key(job), {asset}));
+    db->read_data_prepared(st, history);
+  }
+  if (history.empty() || static_cast<int>(history[0]["COUNT(*)"]) == 0) {
+    return -1;
+  }
+  if (asset != kNoStorage) {
+    stream_count = 0;
+    return min_observations;
+  }
+  Rows streams;
+  Statement st(db->handle, detector_sql::kSelectMaxStreamNumber);
+  bind_texts(st, history_key(job));
+  db->read_data_prepared(st, streams);
+  if (streams.empty()) {
+    return -1;
+  }
+  stream_count = streams[0]["MAX(STREAM_NUMBER)"];
+  // The product wraps like 32-bit arithmetic; computed wide so it is defined.
+  return stream_count != 0 ? wrap_to_int32(static_cast<int64_t>(stream_count) * min_observations) : min_observations;
+}
+
+bool DetectionService::get_training_set_records(const Row& job, Rows& records, int min_required, int limit) {
+  {
+    Statement st(db->handle, detector_sql::kSelectTrainingSet);
+    int next = bind_texts(st, plus(history_key(job), {cell(job, "DESTINATION_STORAGE_NAME"), cell(job, "ASSET_ID")}));
+    st.bind(next++, 1);  // MODE
+    st.bind(next, limit);
+    db->read_data_prepared(st, records);
+  }
+  // A negative minimum widens to a huge size and so never passes.
+  if (records.size() >= static_cast<std::size_t>(min_required)) {
+    return true;
+  }
+  records.clear();
+  Statement st(db->handle, detector_sql::kSelectFallbackTrainingSet);
+  const int next = bind_texts(st, plus(history_key(job), {cell(job, "ASSET_ID")}));
+  st.bind(next, limit);
+  db->read_data_prepared(st, records);
+  return false;
+}
+
+void DetectionService::get_data_in_matrix_format(const Rows& records, Matrix& matrix, int full_feature_set,
+                                                 const std::set<std::string>& disabled) {
+  for (const Row& record : records) {
+    std::vector<double> features;
+    capture_feature_if_not_disabled(disabled, "NUM_FILES", record, features);
+    capture_feature_if_not_disabled(disabled, "IMAGE_SIZE", record, features);
+    if (full_feature_set == 1) {
+      capture_feature_if_not_disabled(disabled, "KB_TRANSFERRED", record, features);
+      capture_feature_if_not_disabled(disabled, "TOTAL_TIME", record, features);
+      capture_feature_if_not_disabled(disabled, "DEDUP_RATE", record, features);
+    }
+    matrix.push_back(std::move(features));
+  }
+}
+
+void DetectionService::get_dbscan_params(const Row& job, Rows& params) {
+  Statement st(db->handle, detector_sql::kSelectModelParams);
+  bind_texts(st, model_key(job));
+  db->read_data_prepared(st, params);
+}
+
+bool DetectionService::is_calibration_required(const Row& job) {
+  Rows params;
+  get_dbscan_params(job, params);
+  if (params.empty()) {
+    return true;
+  }
+  const int32_t capture = params[0]["CAPTURE_DATE"];
+  return wrap_to_int32(static_cast<int64_t>(capture) - now_as_int()) > kCalibrationMaxAheadSeconds;
+}
+
+void DetectionService::calibrate(const Row& job, const Rows& training_records, int full_feature_set) {
+  Matrix matrix;
+  get_data_in_matrix_format(training_records, matrix, full_feature_set, {});
+  if (matrix.empty()) {
+    throw std::invalid_argument("calibration needs at least one training record");
+  }
+  StandardizeData().standardize(matrix);
+  Observations observations;
+  observations.num_features = static_cast<int>(matrix[0].size());
+  observations.num_observations = static_cast<int>(matrix.size());
+  observations.data = std::move(matrix);
+  const double calibrated = EpsCalibrator::find_noise_free_eps(observations, min_samples_as_int());
+
+  const std::vector<std::string> key = model_key(job);
+  logmsgf(2, kCategory, "Calibrated model parameters for client - %s , policy - %s, policy type - %s, schedule name - %s",
+          key[0].c_str(), key[1].c_str(), key[2].c_str(), key[4].c_str());
+  logmsgf(2, kCategory, "EPS value = %f", calibrated);
+
+  Statement st(db->handle, detector_sql::kInsertModelParams);
+  const int next = bind_texts(st, {key.begin(), key.begin() + 6});
+  st.bind(next, calibrated);
+  st.bind(next + 1, now_as_int());
+  bind_texts(st, {key[6], key[7]}, next + 2);
+  db->execute_query_prepared(st);
+}
+
+void DetectionService::mark_for_re_calibration(const Row& job) {
+  Statement st(db->handle, detector_sql::kDeleteModelParams);
+  bind_texts(st, model_key(job));
+  db->execute_query_prepared(st);
+}
+
+void DetectionService::update_valid_observation(const Row& record) {
+  const auto text = [&](const char* column) { return std::string(cell(record, column)); };
+  const auto integer = [&](const char* column) { return static_cast<int>(cell(record, column)); };
+  const auto real = [&](const char* column) { return static_cast<double>(cell(record, column)); };
+  const std::string unique_key = text("UNIQUE_KEY");
+  {
+    Statement st(db->handle, detector_sql::kInsertHistory);
+    int i = bind_texts(st, texts_of(record, {"BACKUP_ID"}));
+    st.bind(i++, integer("BACKUP_TIME"));
+    i = bind_texts(st, texts_of(record, {"CLIENT", "POLICY", "POLICY_TYPE", "SCHEDULE_TYPE", "SCHEDULE_NAME", "APP_TYPE"}), i);
+    st.bind(i++, integer("NUM_FILES"));
+    st.bind(i++, real("IMAGE_SIZE"));
+    st.bind(i++, integer("JOB_ID"));
+    st.bind(i++, integer("PARENT_JOB_ID"));
+    st.bind(i++, real("KB_TRANSFERRED"));
+    st.bind(i++, integer("START_TIME"));
+    st.bind(i++, integer("END_TIME"));
+    st.bind(i++, integer("TOTAL_TIME"));
+    st.bind(i++, real("DEDUP_RATE"));
+    st.bind(i++, 1);  // MODE: every observation the detector adds is mode 1
+    st.bind(i++, integer("USER_IDENTIFIED_CLUSTER"));
+    st.bind(i++, text("DESTINATION_STORAGE_NAME"));
+    st.bind(i++, integer("STREAM_NUMBER"));
+    st.bind(i++, text("ASSET_ID"));
+    st.bind(i, unique_key);
+    db->execute_query_prepared(st);
+  }
+  Statement st(db->handle, detector_sql::kDeletePendingJob);
+  st.bind(1, unique_key);
+  db->execute_query_prepared(st);
+}
+
+int DetectionService::get_last_backup_for_anomaly_detected_backup(const Row& record, int full_feature_set) {
+  const std::vector<std::string> names = texts_of(record, {"CLIENT", "POLICY"});
+  const std::string storage = full_feature_set == 1 ? std::string(cell(record, "DESTINATION_STORAGE_NAME")) : kNoStorage;
+  Statement st(db->handle, detector_sql::kSelectLastBackupTime);
+  bind_texts(st, plus(history_key(record), {storage, cell(record, "ASSET_ID")}));
+  Rows rows;
+  try {
+    db->read_data_prepared(st, rows);
+  } catch (...) {
+    logmsgf(16, kCategory, "Could not get last known backup time for client - %s, policy - %s.", names[0].c_str(),
+            names[1].c_str());
+    return -1;
+  }
+  return rows.empty() ? -1 : static_cast<int>(rows[0]["MAX(BACKUP_TIME)"]);
+}
+
+int DetectionService::check_anomaly_with_user_identified_cluster(const Row&, const Rows& training_rows,
+                                                                 const Matrix& matrix, double eps_value,
+                                                                 DBScan& model) {
+  for (std::size_t i = 0; i < training_rows.size(); ++i) {
+    if (static_cast<int>(cell(training_rows[i], "USER_IDENTIFIED_CLUSTER")) == -1) {
+      continue;
+    }
+    const double d = model.GetEuclideanDistance(matrix.at(0), matrix.at(i + 1));
+    // Inclusive on purpose (unlike the clusterer's strict test); a NaN
+    // distance never matches.
+    if (d <= eps_value) {
+      logmsgf(16, kCategory, "Found a match for this anomaly with user identified cluster.");
+      return 0;
+    }
+  }
+  return 1;
+}
+
+void DetectionService::get_observations_in_cluster(const ClosestClusterInfo& closest, const Rows& training_rows,
+                                                   const std::vector<int>& labels, int full_feature_set,
+                                                   FeatureValues& values) {
+  const std::vector<const char*> features =
+      full_feature_set == 1
+          ? std::vector<const char*>{"NUM_FILES", "IMAGE_SIZE", "KB_TRANSFERRED", "TOTAL_TIME", "DEDUP_RATE"}
+          : std::vector<const char*>{"NUM_FILES", "IMAGE_SIZE"};
+  for (const char* feature : features) {
+    values[feature].clear();
+  }
+  // Label k belongs to training row k - 1; label 0 is the job itself, which
+  // matches only when no cluster exists at all and has no training row.
+  for (std::size_t k = 1; k < labels.size() && k - 1 < training_rows.size(); ++k) {
+    if (labels[k] != closest.cluster_id) {
+      continue;
+    }
+    for (const char* feature : features) {
+      values[feature].push_back(static_cast<double>(cell(training_rows[k - 1], feature)));
+    }
+  }
+}
+
+std::pair<double, double> DetectionService::get_min_max_per_feature_statistics(const FeatureValues& values,
+                                                                                const std::string& feature) {
+  const auto found = values.find(feature);
+  // No members at all means no range, which leaves every real value outside.
+  if (found == values.end() || found->second.empty()) {
+    return {-1.0, -1.0};
+  }
+  const auto [lo, hi] = std::minmax_element(found->second.begin(), found->second.end());
+  return {*lo, *hi};
+}
+
+void DetectionService::get_anomaly_stat(const Row& record, const ClosestClusterInfo& closest,
+                                        const Rows& training_rows, const std::vector<int>& labels,
+                                        int full_feature_set, AnomalyStats& stats) {
+  FeatureValues members;
+  get_observations_in_cluster(closest, training_rows, labels, full_feature_set, members);
+  for (const std::string& feature : feature_list) {
+    const double value = cell(record, feature);
+    const auto [lo, hi] = get_min_max_per_feature_statistics(members, feature);
+    // Both ends inclusive, no margin; a NaN value fails neither test.
+    const bool in_range = !(lo > value) && !(value > hi);
+    if (in_range) {
+      continue;
+    }
+    if (full_feature_set != 1 && feature != "IMAGE_SIZE" && feature != "NUM_FILES") {
+      continue;
+    }
+    stats[feature] = anomaly_stat{value, lo, hi};
+  }
+}
+
+std::string DetectionService::get_json_payload_for_anomaly(const Row& record, const AnomalyStats& stats,
+                                                           int full_feature_set, const std::string& anomaly_id,
+                                                           const ClosestClusterInfo& closest) {
+  json_t* root = json_object();
+  set_string(root, "DetectionType", "dbscan");
+  set_string(root, "DetectionTime", detection_time_text(now()));
+  set_string(root, "SizeUnit", "MB");
+
+  const std::vector<std::string> names = texts_of(record, {"CLIENT", "POLICY_TYPE", "SCHEDULE_NAME", "POLICY"});
+  json_t* attributes = json_object();
+  json_object_set_new(attributes, "jobid", json_integer(static_cast<int>(cell(record, "JOB_ID"))));
+  set_string(attributes, "clientName", names[0]);
+  set_string(attributes, "policyName", names[3]);
+  set_string(attributes, "policyType", names[1]);
+  set_string(attributes, "scheduleName", names[2]);
+
+  int count = 0;
+  std::string summary;
+  for (const PayloadAttribute& attribute : kPayloadAttributes) {
+    const auto found = stats.find(attribute.feature);
+    if (found == stats.end() || (attribute.full_feature_set_only && full_feature_set != 1)) {
+      continue;
+    }
+    set_string(attributes, attribute.member, attribute.text(found->second));
+    summary += std::string(attribute.summary_name) + ",";
+    ++count;
+  }
+  set_string(attributes, "anomalyFeedback", "Report as false positive");
+  set_string(attributes, "anomalyId", anomaly_id);
+  if (!summary.empty()) {
+    summary.pop_back();
+  }
+  set_string(attributes, "summary", summary);
+  set_string(attributes, "count", std::to_string(count));
+  set_string(attributes, "score", fixed2(closest.distance));
+  set_string(attributes, "storageName", cell(record, "DESTINATION_STORAGE_NAME"));
+  json_object_set_new(root, "Attributes", attributes);
+
+  char* dumped = json_dumps(root, 0);
+  std::string payload = dumped != nullptr ? dumped : "";
+  free(dumped);
+  json_decref(root);
+  return payload;
+}
+
+void DetectionService::report_anomaly(const Row& record, const ClosestClusterInfo& closest, const Rows&,
+                                      const std::vector<int>&, int full_feature_set, const AnomalyStats& stats) {
+  const int backup_time = cell(record, "BACKUP_TIME");
+  const std::vector<std::string> texts = texts_of(record, {"JOB_ID", "UNIQUE_KEY", "CLIENT"});
+  const int32_t detection_time = now_as_int();
+  const std::string anomaly_id = texts[0] + "_" + std::to_string(backup_time);
+  const std::string payload = get_json_payload_for_anomaly(record, stats, full_feature_set, anomaly_id, closest);
+
+  Statement st(db->handle, detector_sql::kInsertAnomaly);
+  st.bind(1, anomaly_id);
+  st.bind(2, payload);
+  st.bind(3, 0);  // ANOMALY_STATE of a new report
+  st.bind(4, texts[1]);
+  st.bind(5, texts[2]);
+  st.bind(6, detection_time);
+  db->execute_query_prepared(st);
+}

@@ -1,0 +1,106 @@
+// DetectionService: the detector itself. It owns the database session for its
+// whole life and, pass after pass, judges every pending backup job against
+// the history of like jobs: accepted jobs move into HIST_DATA, anomalies are
+// reported into ANOMALY_DATA. Storage failures surface as sqlite_exception.
+#pragma once
+
+#include <ctime>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "model/ClosestClusterInfo.h"
+#include "service/AnomalyStat.h"
+#include "storage/DBAccess.h"
+
+class DBScan;
+
+class DetectionService {
+ public:
+  using Row = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;
+  using Rows = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
+  using DBAccess = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
+  using Matrix = std::vector<std::vector<double>>;
+  using FeatureValues = std::map<std::string, std::vector<double>>;
+  using AnomalyStats = std::map<std::string, anomaly_stat>;
+  using Clock = std::function<time_t()>;
+
+  // Opens (creating when missing) database_location/database_file_name.
+  // When it cannot, logs "Could not create database <file name>" and throws
+  // a plain std::exception.
+  DetectionService(const std::string& database_location, const std::string& database_file_name, double eps,
+                   double min_samples, const std::string& config_file);
+  ~DetectionService();
+  DetectionService(const DetectionService&) = delete;
+  DetectionService& operator=(const DetectionService&) = delete;
+
+  // The pending queue, in the order the database returns it.
+  void get_data_for_detection(Rows& rows);
+  void update_processed_status(const std::string& unique_key);
+
+  // Training-set selection.
+  bool check_stream_num_data_available(const Row& job);
+  // The minimum training size, scaled by the stream count for multi-stream
+  // jobs (asset "NA"); -1 when the workload has no history at all.
+  int get_adj_min_observations_required(const Row& job, int min_observations, int& stream_count);
+  // Fills records newest first; true when the storage-specific five-feature
+  // set held at least min_required records, false when the two-feature
+  // fallback across storages was taken instead.
+  bool get_training_set_records(const Row& job, Rows& records, int min_required, int limit);
+  // Appends one feature row per record: NUM_FILES, IMAGE_SIZE and, for the
+  // full feature set, KB_TRANSFERRED, TOTAL_TIME, DEDUP_RATE; lower-case
+  // names in disabled are left out.
+  void get_data_in_matrix_format(const Rows& records, Matrix& matrix, int full_feature_set,
+                                 const std::set<std::string>& disabled);
+
+  // Model calibration: one eps per workload in DBSCAN_MODEL_PARAMS.
+  void get_dbscan_params(const Row& job, Rows& params);
+  bool is_calibration_required(const Row& job);
+  void calibrate(const Row& job, const Rows& training_records, int full_feature_set);
+  void mark_for_re_calibration(const Row& job);
+
+  // Validation look-ups and the accepted outcome.
+  void update_valid_observation(const Row& record);
+  int get_last_backup_for_anomaly_detected_backup(const Row& record, int full_feature_set);
+  // 0 when a user-confirmed training row lies within eps (inclusive) of the
+  // job (matrix row 0), 1 when the job stays an anomaly.
+  int check_anomaly_with_user_identified_cluster(const Row& record, const Rows& training_rows,
+                                                 const Matrix& matrix, double eps, DBScan& model);
+
+  // Cluster statistics for an anomaly.
+  void get_observations_in_cluster(const ClosestClusterInfo& closest, const Rows& training_rows,
+                                   const std::vector<int>& labels, int full_feature_set, FeatureValues& values);
+  std::pair<double, double> get_min_max_per_feature_statistics(const FeatureValues& values,
+                                                               const std::string& feature);
+  void get_anomaly_stat(const Row& record, const ClosestClusterInfo& closest, const Rows& training_rows,
+                        const std::vector<int>& labels, int full_feature_set, AnomalyStats& stats);
+
+  // The anomaly report.
+  std::string get_json_payload_for_anomaly(const Row& record, const AnomalyStats& stats, int full_feature_set,
+                                           const std::string& anomaly_id, const ClosestClusterInfo& closest);
+  void report_anomaly(const Row& record, const ClosestClusterInfo& closest, const Rows& training_rows,
+                      const std::vector<int>& labels, int full_feature_set, const AnomalyStats& stats);
+
+  const std::vector<std::string>& get_feature_list() const { return feature_list; }
+  DBAccess& database() { return *db; }
+  // Where the service reads the wall clock; tests pin it.
+  void set_clock(Clock clock) { now = std::move(clock); }
+
+ private:
+  void init_feature_list();
+  int min_samples_as_int() const;
+  int32_t now_as_int() const;
+
+  std::string database_location;
+  std::string database_file_name;
+  std::string config_file;
+  std::unique_ptr<DBAccess> db;
+  double eps;
+  double min_samples;
+  std::vector<std::string> feature_list;
+  Clock now;
+};

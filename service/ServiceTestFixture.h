@@ -1,0 +1,140 @@
+// Test fixture for the detection service: a real database built from the
+// shipped schema in a temporary folder, the debug log opened beside it, the
+// service's clock pinned, and helpers to seed the tables and read back the
+// log and the SQL the service ran.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/DebugLog.h"
+#include "schema/AnomalySchema.h"
+#include "service/DetectionService.h"
+#include "tests/support/TempDir.h"
+
+class ServiceTestFixture : public ::testing::Test {
+ protected:
+  using Row = DetectionService::Row;
+  using Rows = DetectionService::Rows;
+  using Value = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
+
+  static constexpr time_t kNow = 1700000000;  // 2023-11-14 22:13:20 UTC
+
+  void SetUp() override {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    {
+      Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess schema(
+          dir.file("anomaly.db"), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+      schema.execute_query(anomaly_schema::anomaly_db_sql());
+    }
+    int status = 0;
+    open_debug_log(dir.path(), "tsanomalydetect", "tsanomalydetect", 0644, &status);
+    ASSERT_EQ(status, 0);
+    service = std::make_unique<DetectionService>(dir.path(), "anomaly.db", 0.5, 3.0, "");
+    service->set_clock([] { return kNow; });
+  }
+
+  void TearDown() override {
+    service.reset();
+    close_debug_log();
+  }
+
+  // Runs plain SQL on the service's own connection.
+  void sql(const std::string& text) { service->database().execute_query(text); }
+
+  Rows query(const std::string& text) {
+    Rows rows;
+    service->database().read_data(text, rows);
+    return rows;
+  }
+
+  int count(const std::string& table) { return query("SELECT COUNT(*) FROM " + table)[0]["COUNT(*)"]; }
+
+  // A job of the workload (c1, p1, Standard, FULL, daily, app, stu1, asset);
+  // any cell can be overridden.
+  static Row job(const std::string& unique_key, const std::string& asset = "vm1",
+                 const std::vector<std::pair<std::string, std::string>>& overrides = {}) {
+    Row row;
+    const std::pair<const char*, const char*> defaults[] = {
+        {"BACKUP_ID", "img"},        {"BACKUP_TIME", "1000000"},   {"CLIENT", "c1"},
+        {"POLICY", "p1"},            {"POLICY_TYPE", "Standard"},  {"SCHEDULE_TYPE", "FULL"},
+        {"SCHEDULE_NAME", "daily"},  {"APP_TYPE", "app"},          {"NUM_FILES", "100"},
+        {"IMAGE_SIZE", "2048"},      {"JOB_ID", "42"},             {"PARENT_JOB_ID", "41"},
+        {"KB_TRANSFERRED", "1024"},  {"START_TIME", "999000"},     {"END_TIME", "999600"},
+        {"TOTAL_TIME", "600"},       {"DEDUP_RATE", "2.5"},        {"USER_IDENTIFIED_CLUSTER", "-1"},
+        {"DESTINATION_STORAGE_NAME", "stu1"}, {"STREAM_NUMBER", "0"}, {"PROCESSED_STATUS", "0"}};
+    for (const auto& [column, value] : defaults) row[column] = Value(std::string(value));
+    row["ASSET_ID"] = Value(asset);
+    row["UNIQUE_KEY"] = Value(unique_key);
+    for (const auto& [column, value] : overrides) row[column] = Value(value);
+    return row;
+  }
+
+  // Inserts a row into a table by column name.
+  void insert(const std::string& table, const Row& row) {
+    std::string columns, values;
+    for (const auto& [column, value] : row) {
+      columns += (columns.empty() ? "" : ", ") + column;
+      values += (values.empty() ? "'" : ", '") + value.text() + "'";
+    }
+    sql("INSERT INTO " + table + " (" + columns + ") VALUES (" + values + ")");
+  }
+
+  void queue(const Row& row) { insert("DATA_TO_PROCESS", row); }
+
+  // A history row: the job's cells plus MODE (PROCESSED_STATUS dropped).
+  void history(Row row, int mode = 1) {
+    row.erase("PROCESSED_STATUS");
+    row["MODE"] = Value(mode);
+    insert("HIST_DATA", row);
+  }
+
+  // n history rows of the job's workload, backup times 1, 2, ..., n.
+  void history_rows(const Row& base, int n, const std::string& key_prefix, int mode = 1) {
+    for (int i = 1; i <= n; ++i) {
+      Row row = base;
+      row["UNIQUE_KEY"] = Value(key_prefix + std::to_string(i));
+      row["BACKUP_TIME"] = Value(i);
+      row["NUM_FILES"] = Value(i);
+      history(row, mode);
+    }
+  }
+
+  // The messages of the debug log, without timestamp and pid:
+  // "<level> category: message".
+  std::vector<std::string> log_lines() const {
+    std::vector<std::string> lines;
+    std::istringstream in(tsanomaly_test::TempDir::read(dir.file("tsanomalydetect/tsanomalydetect.log")));
+    for (std::string line; std::getline(in, line);) {
+      const auto start = line.find("] <");
+      lines.push_back(start == std::string::npos ? line : line.substr(start + 2));
+    }
+    return lines;
+  }
+
+  // Records the SQL text of every statement the service's connection runs
+  // from now on, as prepared (placeholders unexpanded).
+  void trace_sql() {
+    traced.clear();
+    sqlite3_trace_v2(service->database().handle, SQLITE_TRACE_STMT, &ServiceTestFixture::on_statement, &traced);
+  }
+
+  // SQLite compiles (and traces) a text only up to the end of its first
+  // statement: whatever follows the ';' is not part of what it reports.
+  static std::string as_compiled(const std::string& text) { return text.substr(0, text.find(';') + 1); }
+
+  static int on_statement(unsigned, void* context, void*, void* text) {
+    static_cast<std::vector<std::string>*>(context)->push_back(static_cast<const char*>(text));
+    return 0;
+  }
+
+  tsanomaly_test::TempDir dir;
+  std::unique_ptr<DetectionService> service;
+  std::vector<std::string> traced;
+};
