@@ -9,17 +9,23 @@
 #include <initializer_list>
 #include <iomanip>
 #include <sstream>
+#include <iostream>
 #include <stdexcept>
+#include <unistd.h>
 
+#include "config/Configuration.h"
 #include "model/DBScanModelImpl.h"
 #include "model/EpsCalibrator.h"
 #include "model/StandardizeData.h"
 #include "platform/DebugLog.h"
 #include "platform/LocalTime.h"
 #include "schema/DetectorSql.h"
+#include "service/PassScheduler.h"
+#include "service/StopSignal.h"
 #include "storage/Statement.h"
 #include "util/Directory.h"
 
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::sqlite_exception;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
 
@@ -165,7 +171,8 @@ DetectionService::DetectionService(const std::string& database_location, const s
       config_file(config_file),
       eps(eps),
       min_samples(min_samples),
-      now([] { return ::time(nullptr); }) {
+      now([] { return ::time(nullptr); }),
+      sleep_for([](unsigned seconds) { ::sleep(seconds); }) {
   try {
     db = std::make_unique<DBAccess>(Path::Combine(database_location, database_file_name), kOpenFlags);
   } catch (const std::exception&) {
@@ -492,4 +499,364 @@ void DetectionService::report_anomaly(const Row& record, const ClosestClusterInf
   st.bind(5, texts[2]);
   st.bind(6, detection_time);
   db->execute_query_prepared(st);
+}
+
+// ---------------------------------------------------------------------------
+// The pass.
+
+namespace {
+
+constexpr int kSecondsPerDay = 86400;
+constexpr int kSingleStreamTrainingLimit = 365;
+
+// Settings text read as the service always has: strtol, base 10, then
+// truncated to 32 bits.
+int setting_as_int(const Configuration& config, const char* section, const char* key) {
+  return static_cast<int>(Value(config.get_config(section, key)));
+}
+
+std::string row_text(const std::vector<double>& values) {
+  std::string text;
+  for (double value : values) {
+    text += std::string(Value(value)) + ",";
+  }
+  return text;
+}
+
+}  // namespace
+
+struct DetectionService::PassSettings {
+  std::map<std::string, std::set<std::string>> excluded_client_policies;
+  std::set<std::string> excluded_clients;
+  std::set<std::string> disabled_policy_types;
+  std::map<std::string, std::set<std::string>> disabled_features;
+  int sensitivity = 0;
+  int min_observations = 0;
+  int days_to_ignore = 0;
+  int max_observations = 0;
+  bool log_model_data = false;
+  int32_t day_gap_seconds = 0;
+};
+
+void DetectionService::start() {
+  PassScheduler(now, sleep_for, [] { return StopSignal::requested(); }).run([this] { do_detection(); });
+}
+
+DetectionService::PassSettings DetectionService::read_settings() const {
+  const Configuration config(config_file, 1);
+  PassSettings settings;
+  config.get_config_dynamic_keys_multiple_values("EXCLUDE_CLIENT_POLICY", settings.excluded_client_policies);
+  config.get_config_multiple_values("EXCLUDE_CLIENTS", "CLIENT_NAME", settings.excluded_clients);
+  config.get_config_multiple_values("DISABLE_POLICY_TYPE", "POLICY_TYPE", settings.disabled_policy_types);
+  config.get_config_dynamic_keys_multiple_values("DISABLE_FEATURE_PER_POLICY_TYPE", settings.disabled_features);
+  // The range is asymmetric on purpose: at -99 eps shrinks to a hundredth,
+  // never to zero or below.
+  settings.sensitivity =
+      std::clamp(setting_as_int(config, "ANOMALY_DETECTION_SENSITIVITY", "SENSITIVITY_PERCENTAGE"), -99, 100);
+  settings.min_observations =
+      std::max(setting_as_int(config, "ANOMALY_MODEL_SETTINGS", "MIN_OBSERVATIONS_FOR_TRAINING"), 30);
+  settings.days_to_ignore = setting_as_int(config, "ANOMALY_MODEL_SETTINGS", "DAYS_FOR_LAST_BACKUP_TO_IGNORE_ANOMALY");
+  if (settings.days_to_ignore <= 0) {
+    settings.days_to_ignore = 365;
+  }
+  settings.max_observations = setting_as_int(config, "ANOMALY_MODEL_SETTINGS", "MAX_OBSERVATIONS_FOR_TRAINING");
+  if (settings.max_observations <= 0) {
+    settings.max_observations = 3000;
+  }
+  settings.log_model_data = setting_as_int(config, "META_DATA", "LOG_MODEL_DATA") == 1;
+  // 32-bit like the product has always computed it: a huge day count wraps.
+  settings.day_gap_seconds = wrap_to_int32(static_cast<int64_t>(settings.days_to_ignore) * kSecondsPerDay);
+  return settings;
+}
+
+void DetectionService::do_detection() {
+  try {
+    accomodate_user_feedback_received();
+  } catch (...) {
+    logmsgf(2, kCategory, "Error occurred during incorporating user feedback into training set.");
+  }
+  const PassSettings settings = read_settings();
+
+  Rows pending;
+  logmsgf(2, kCategory, "Getting data for detection from database.");
+  try {
+    get_data_for_detection(pending);
+  } catch (...) {
+    logmsgf(2, kCategory, "Could not get data for detection.");
+    return;
+  }
+  logmsgf(2, kCategory, "Completed getting data for detection.");
+
+  for (const Row& job : pending) {
+    // A stop finishes the job in hand; the rest stay pending for the next start.
+    if (StopSignal::requested()) {
+      return;
+    }
+    try {
+      judge_pending_job(job, settings);
+    } catch (const std::exception& e) {
+      logmsgf(16, kCategory, "Error while doing detection - %s", e.what());
+      return;
+    } catch (...) {
+      logmsgf(16, kCategory, "Unexpected error during detection.");
+      return;
+    }
+  }
+}
+
+void DetectionService::accept_as_valid(const Row& row) {
+  update_valid_observation(row);
+  update_processed_status(cell(row, "UNIQUE_KEY"));
+}
+
+// Exclusions, training-set selection and calibration; a failure here that
+// no step handles ends the pass (the caller catches it).
+void DetectionService::judge_pending_job(const Row& pending, const PassSettings& settings) {
+  Row row = pending;
+  const std::string client = cell(row, "CLIENT");
+  const int job_id = cell(row, "JOB_ID");
+  // Whatever the queue held, a job enters the history without a user verdict.
+  row["USER_IDENTIFIED_CLUSTER"] = Value(-1);
+
+  if (settings.excluded_clients.count(toLower(client)) != 0) {
+    logmsgf(2, kCategory, "Ignoring client '%s' for detection as per configuration.", client.c_str());
+    accept_as_valid(row);
+    return;
+  }
+  const std::string policy_type = cell(row, "POLICY_TYPE");
+  if (settings.disabled_policy_types.count(toLower(policy_type)) != 0) {
+    logmsgf(2, kCategory, "Ignoring policy type '%s' for detection as per configuration.", policy_type.c_str());
+    accept_as_valid(row);
+    return;
+  }
+  const std::string policy = cell(row, "POLICY");
+  if (const auto found = settings.excluded_client_policies.find(toLower(client));
+      found != settings.excluded_client_policies.end() && found->second.count(toLower(policy)) != 0) {
+    logmsgf(2, kCategory, "Ignoring policy '%s' on client '%s' for detection as per configuration.", policy.c_str(),
+            client.c_str());
+    accept_as_valid(row);
+    return;
+  }
+
+  const std::string asset = cell(row, "ASSET_ID");
+  const int stream_number = cell(row, "STREAM_NUMBER");
+  if (stream_number != 0 && asset == kNoStorage) {
+    bool has_stream_history = false;
+    try {
+      has_stream_history = check_stream_num_data_available(row);
+    } catch (const std::exception& e) {
+      logmsgf(16, kCategory, "Error while getting job stream count from training set. Jobid - %d. %s ", job_id,
+              e.what());
+      accept_as_valid(row);
+      return;
+    }
+    if (!has_stream_history) {
+      accept_as_valid(row);
+      logmsgf(2, kCategory, "Not enough data for training for client - %s , policy - %s", client.c_str(),
+              policy.c_str());
+      return;
+    }
+  }
+
+  int stream_count = 0;
+  int min_required = 0;
+  try {
+    min_required = std::min(get_adj_min_observations_required(row, settings.min_observations, stream_count),
+                            settings.max_observations);
+  } catch (const std::exception& e) {
+    logmsgf(2, kCategory, "Error while getting minimum required observations. %s ", e.what());
+    accept_as_valid(row);
+    return;
+  }
+  if (min_required == -1) {
+    accept_as_valid(row);
+    return;
+  }
+  const int training_limit = stream_count != 0 ? settings.max_observations : kSingleStreamTrainingLimit;
+
+  logmsgf(2, kCategory, "Getting training set for detection client - %s, policy - %s and job - %d.", client.c_str(),
+          policy.c_str(), job_id);
+  Rows training;
+  const int full_feature_set = get_training_set_records(row, training, min_required, training_limit) ? 1 : 0;
+  if (training.size() < static_cast<std::size_t>(min_required)) {
+    accept_as_valid(row);
+    logmsgf(2, kCategory, "Not enough data for training for client - %s , policy - %s. ", client.c_str(),
+            policy.c_str());
+    return;
+  }
+  if (full_feature_set == 0) {
+    logmsgf(2, kCategory, "Detection using historical data.");
+  }
+  logmsgf(2, kCategory, "Completed getting training data set for detection.");
+
+  if (is_calibration_required(row)) {
+    calibrate(row, training, full_feature_set);
+  }
+
+  logmsgf(2, kCategory, "Preparing input data for detection.");
+  const auto disabled_entry = settings.disabled_features.find(toLower(policy_type));
+  const std::set<std::string> disabled =
+      disabled_entry != settings.disabled_features.end() ? disabled_entry->second : std::set<std::string>{};
+  // The job always offers every enabled feature of the five, whichever
+  // training set was chosen: with the two-feature fallback the matrix is
+  // ragged and standardisation rejects it below.
+  std::vector<double> observation;
+  for (const char* feature : {"NUM_FILES", "IMAGE_SIZE", "KB_TRANSFERRED", "TOTAL_TIME", "DEDUP_RATE"}) {
+    capture_feature_if_not_disabled(disabled, feature, row, observation);
+  }
+  if (observation.empty()) {
+    logmsgf(2, kCategory, "All features are disabled for policy type = %s. Detection aborted.", policy_type.c_str());
+    return;
+  }
+  Matrix matrix{observation};
+  get_data_in_matrix_format(training, matrix, full_feature_set, disabled);
+  logmsgf(2, kCategory, "Completed preparing input data for detection.");
+
+  try {
+    judge_observation(row, training, matrix, observation, full_feature_set, settings);
+  } catch (...) {
+    // The job stays pending (unless its history write already happened) and
+    // is met again at the next pass.
+    std::cout << "\nUnexpected error during anomaly detection." << std::flush;
+  }
+}
+
+// Standardise, cluster and decide; every failure in here is the job's own
+// and is caught by the caller without ending the pass.
+void DetectionService::judge_observation(Row& row, const Rows& training, Matrix& matrix,
+                                         const std::vector<double>& observation, int full_feature_set,
+                                         const PassSettings& settings) {
+  const int job_id = cell(row, "JOB_ID");
+  const int num_features = static_cast<int>(matrix[0].size());
+  const int num_rows = static_cast<int>(matrix.size());
+
+  logmsgf(2, kCategory, "Calling StandardizeData.");
+  StandardizeData().standardize(matrix);
+  logmsgf(2, kCategory, "Completed StandardizeData activity.");
+  const Observations observations{matrix, num_features, num_rows};
+
+  Rows params;
+  get_dbscan_params(row, params);
+  const double model_eps = params.empty() ? eps : static_cast<double>(params[0]["EPS"]);
+  logmsgf(2, kCategory, "Calculated eps = %f ", model_eps);
+  logmsgf(2, kCategory, "Using sensitivity parameter %d", settings.sensitivity);
+  const double adjusted_eps = model_eps + model_eps * (static_cast<double>(settings.sensitivity) / 100.0);
+  logmsgf(2, kCategory, "Adjusted eps = %f ", adjusted_eps);
+
+  DBScan dbscan(adjusted_eps, min_samples_as_int(), 2);
+  logmsgf(2, kCategory, "Calling DBScan for detection for job %d", job_id);
+  std::vector<int> labels;
+  dbscan.Run(observations, labels);
+  logmsgf(2, kCategory, "Done detection.");
+
+  const std::string unique_key = cell(row, "UNIQUE_KEY");
+  if (static_cast<int>(labels.size()) != num_rows) {
+    logmsgf(2, kCategory, "Error occurred while doing prediction using dbscan.");
+    update_processed_status(unique_key);
+    return;
+  }
+  if (labels[0] != -1) {
+    logmsgf(2, kCategory, "Anomaly not detected.");
+    accept_as_valid(row);
+    return;
+  }
+
+  if (settings.log_model_data) {
+    log_model_data(labels, matrix, observation);
+  }
+
+  const int last_backup = get_last_backup_for_anomaly_detected_backup(row, full_feature_set);
+  const int backup_time = cell(row, "BACKUP_TIME");
+  if (last_backup != -1 &&
+      wrap_to_int32(static_cast<int64_t>(backup_time) - last_backup) > settings.day_gap_seconds) {
+    logmsgf(2, kCategory, "Valid record considered since current backup done after %d days.",
+            settings.days_to_ignore);
+    accept_as_valid(row);
+    return;
+  }
+
+  if (check_anomaly_with_user_identified_cluster(row, training, matrix, adjusted_eps, dbscan) == 0) {
+    logmsgf(2, kCategory, "Valid record considered based on user feedback.");
+    accept_as_valid(row);
+    return;
+  }
+
+  const ClosestClusterInfo closest = dbscan.get_closest_cluster_for_observation(0);
+  FeatureValues members;
+  get_observations_in_cluster(closest, training, labels, full_feature_set, members);
+  AnomalyStats stats;
+  get_anomaly_stat(row, closest, training, labels, full_feature_set, stats);
+
+  if (stats.empty()) {
+    try {
+      mark_for_re_calibration(row);
+      logmsgf(2, kCategory, "Re-calibration is required for job %d", job_id);
+    } catch (const sqlite_exception& e) {
+      logmsgf(4, kCategory, "Could not initiate Re-calibration, re-calibration will occure later as per frequency. %s %s",
+              e.what(), e.inner_message());
+    } catch (const std::exception& e) {
+      logmsgf(4, kCategory, "Could not initiate Re-calibration, re-calibration will occure later as per frequency. %s",
+              e.what());
+    }
+    logmsgf(2, kCategory, "Valid record considered based on cluster range analysis.");
+    accept_as_valid(row);
+    return;
+  }
+
+  logmsgf(2, kCategory, "Anomaly detected for job %d", job_id);
+  logmsgf(2, kCategory, "Closest cluster for this anomaly %d", closest.cluster_id);
+  logmsgf(2, kCategory, "Closest cluster distance for this anomaly %f", closest.distance);
+  report_anomaly(row, closest, training, labels, full_feature_set, stats);
+  update_processed_status(unique_key);
+}
+
+void DetectionService::log_model_data(const std::vector<int>& labels, const Matrix& matrix,
+                                      const std::vector<double>& observation) const {
+  logmsgf(2, kCategory, "Cluster Assignments");
+  for (std::size_t i = 0; i < labels.size(); ++i) {
+    logmsgf(2, kCategory, "%s", (std::to_string(i) + "," + std::to_string(labels[i])).c_str());
+  }
+  logmsgf(2, kCategory, "Data for anomaly detected.");
+  for (const std::vector<double>& values : matrix) {
+    logmsgf(2, kCategory, "%s", row_text(values).c_str());
+  }
+  logmsgf(2, kCategory, "Current observation %s", row_text(observation).c_str());
+}
+
+void DetectionService::accomodate_user_feedback_received() {
+  Rows verdicts;
+  db->read_data(detector_sql::kSelectFeedback, verdicts);
+  for (const Row& verdict : verdicts) {
+    const std::string anomaly_id = cell(verdict, "ANOMALY_UNIQUE_ID");
+    Rows anomalies;
+    {
+      Statement st(db->handle, detector_sql::kSelectDetectionKey);
+      st.bind(1, anomaly_id);
+      db->read_data_prepared(st, anomalies);
+    }
+    if (anomalies.empty()) {
+      continue;  // read again, and skipped again, at every later pass
+    }
+    Rows jobs;
+    {
+      Statement st(db->handle, detector_sql::kSelectJobByKey);
+      st.bind(1, std::string(anomalies[0]["DETECTION_KEY"]));
+      db->read_data_prepared(st, jobs);
+    }
+    if (jobs.empty()) {
+      continue;
+    }
+    Row record = jobs[0];
+    const std::vector<std::string> names =
+        texts_of(record, {"CLIENT", "POLICY", "POLICY_TYPE", "SCHEDULE_NAME", "APP_TYPE"});
+    record["USER_IDENTIFIED_CLUSTER"] = Value(1);
+    logmsgf(2, kCategory,
+            "Updating user feedback for training for client = %s, policy = %s, policy_type = %s, schedule_name = %s "
+            "& app_type = %s",
+            names[0].c_str(), names[1].c_str(), names[2].c_str(), names[3].c_str(), names[4].c_str());
+    update_valid_observation(record);
+    Statement st(db->handle, detector_sql::kDeleteFeedback);
+    st.bind(1, anomaly_id);
+    db->execute_query_prepared(st);
+  }
 }

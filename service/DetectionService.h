@@ -28,6 +28,7 @@ class DetectionService {
   using FeatureValues = std::map<std::string, std::vector<double>>;
   using AnomalyStats = std::map<std::string, anomaly_stat>;
   using Clock = std::function<time_t()>;
+  using Sleep = std::function<void(unsigned seconds)>;
 
   // Opens (creating when missing) database_location/database_file_name.
   // When it cannot, logs "Could not create database <file name>" and throws
@@ -37,6 +38,16 @@ class DetectionService {
   ~DetectionService();
   DetectionService(const DetectionService&) = delete;
   DetectionService& operator=(const DetectionService&) = delete;
+
+  // Runs a pass 120 s after start-up and 120 s after each pass ends, until
+  // a stop is requested (StopSignal).
+  void start();
+  // One pass: fold in user feedback, re-read the configuration, judge every
+  // pending job. Only failures to build or read the configuration escape.
+  void do_detection();
+  // Moves every job the operators reported as a false positive into the
+  // history as user-confirmed, and consumes the verdict.
+  void accomodate_user_feedback_received();
 
   // The pending queue, in the order the database returns it.
   void get_data_for_detection(Rows& rows);
@@ -87,10 +98,21 @@ class DetectionService {
 
   const std::vector<std::string>& get_feature_list() const { return feature_list; }
   DBAccess& database() { return *db; }
-  // Where the service reads the wall clock; tests pin it.
+  // Where the service reads the wall clock and how it waits; tests pin them.
   void set_clock(Clock clock) { now = std::move(clock); }
+  void set_sleep(Sleep sleep) { sleep_for = std::move(sleep); }
 
  private:
+  struct PassSettings;
+
+  PassSettings read_settings() const;
+  void judge_pending_job(const Row& pending, const PassSettings& settings);
+  void judge_observation(Row& row, const Rows& training, Matrix& matrix, const std::vector<double>& observation,
+                         int full_feature_set, const PassSettings& settings);
+  void accept_as_valid(const Row& row);
+  void log_model_data(const std::vector<int>& labels, const Matrix& matrix,
+                      const std::vector<double>& observation) const;
+
   void init_feature_list();
   int min_samples_as_int() const;
   int32_t now_as_int() const;
@@ -103,4 +125,5 @@ class DetectionService {
   double min_samples;
   std::vector<std::string> feature_list;
   Clock now;
+  Sleep sleep_for;
 };

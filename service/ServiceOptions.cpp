@@ -1,0 +1,77 @@
+#include "service/ServiceOptions.h"
+
+#include <ace/Arg_Shifter.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <vector>
+
+#include "platform/DebugLog.h"
+
+namespace {
+
+constexpr int kLogFileMode = 0644;
+
+// The platform's status of the last open, for whoever wants it.
+int debugFD = -1;
+
+std::map<std::string, std::string> scan(int argc, char** argv) {
+  // The shifter reorders the vector it is given; it works on a copy so the
+  // caller's argv stays as the process received it.
+  std::vector<char*> args(argv, argv + argc);
+  int count = argc;
+  ACE_Arg_Shifter_T<char> shifter(count, args.data());
+  std::map<std::string, std::string> options;
+  while (shifter.is_anything_left()) {
+    if (shifter.is_option_next()) {
+      const std::string key = shifter.get_current();
+      shifter.consume_arg();
+      if (shifter.is_parameter_next()) {
+        options.emplace(key, shifter.get_current());
+      }
+    }
+    shifter.consume_arg();
+  }
+  return options;
+}
+
+}  // namespace
+
+ServiceOptions ServiceOptions::parse(int argc, char** argv) {
+  ServiceOptions parsed;
+  parsed.options = scan(argc, argv);
+  auto& options = parsed.options;
+  // These four lookups add an empty value for a missing option, which then
+  // converts like any other text.
+  parsed.database_location = options["-database_location"];
+  parsed.database_file_name = options["-database_file_name"];
+  parsed.eps = std::strtod(options["-eps"].c_str(), nullptr);
+  parsed.min_samples = static_cast<int>(std::strtol(options["-min_samples"].c_str(), nullptr, 10));
+  if (parsed.min_samples < kMinimumMinSamples) {
+    parsed.min_samples = kMinimumMinSamples;
+  }
+  if (const auto found = options.find("-log_path"); found != options.end()) {
+    parsed.log_path = found->second;
+  }
+  if (const auto found = options.find("-config_file"); found != options.end()) {
+    parsed.has_config_file = true;
+    parsed.config_file = found->second;
+  }
+  return parsed;
+}
+
+bool ServiceOptions::open_log() const {
+  int status = 0;
+  debugFD = open_debug_log(log_path, kProgramName, kProgramName, kLogFileMode, &status);
+  if (status < 0) {
+    std::cerr << "Failed to setup logging at [" << log_path + "/" + kProgramName << "]\n";
+    return false;
+  }
+  return true;
+}
+
+void ServiceOptions::log_configuration_file() const {
+  if (has_config_file) {
+    logmsgf(2, kProgramName, "Using configuration file %s", config_file.c_str());
+  }
+}

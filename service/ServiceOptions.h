@@ -1,0 +1,36 @@
+// ServiceOptions: the six command-line options of the service, read the way
+// the service has always read them, and the opening of its debug log. Shared
+// by the service's entry point and the operator tool's one-pass command.
+#pragma once
+
+#include <map>
+#include <string>
+
+struct ServiceOptions {
+  static constexpr const char* kProgramName = "tsanomalydetect";
+  static constexpr const char* kDefaultLogPath = "/usr/tsroot/tessaryn/logs";
+  static constexpr int kMinimumMinSamples = 3;
+
+  // Scans argv (argument 0 included) with ACE's argument shifter: an
+  // argument starting with '-' is an option and takes the next argument as
+  // its value when that one is not an option; after an option one more
+  // argument is always consumed, so an option without a value swallows the
+  // next one. The first value given for an option wins.
+  static ServiceOptions parse(int argc, char** argv);
+
+  // Opens <log_path>/tsanomalydetect/tsanomalydetect.log (mode 0644). On
+  // failure writes "Failed to setup logging at [<log_path>/tsanomalydetect]"
+  // to standard error and returns false.
+  bool open_log() const;
+  // Logs "Using configuration file <path>" when one was given.
+  void log_configuration_file() const;
+
+  std::map<std::string, std::string> options;  // as typed, "-" included
+  std::string database_location;
+  std::string database_file_name;
+  double eps = 0.0;
+  int min_samples = kMinimumMinSamples;
+  std::string log_path = kDefaultLogPath;
+  bool has_config_file = false;
+  std::string config_file;
+};

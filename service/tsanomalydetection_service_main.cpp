@@ -1,0 +1,37 @@
+// The anomaly detection service: parses its six options, opens its debug
+// log, prints a short banner and runs detection passes until it is stopped.
+#include <sys/stat.h>
+
+#include <exception>
+#include <iostream>
+
+#include "platform/DebugLog.h"
+#include "service/DetectionService.h"
+#include "service/ServiceOptions.h"
+#include "service/StopSignal.h"
+
+int main(int argc, char** argv) {
+  umask(022);
+  const ServiceOptions options = ServiceOptions::parse(argc, argv);
+  if (!options.open_log()) {
+    return 1;
+  }
+  options.log_configuration_file();
+  StopSignal::install();
+  try {
+    // The separator is a backslash on every platform; the database itself
+    // is opened on the path joined with '/'.
+    std::cout << "\nWorking with " << options.database_location << "\\" << options.database_file_name;
+    std::cout << "\nUsing EPS = " << options.eps << " and min samples = " << options.min_samples << std::flush;
+    DetectionService service(options.database_location, options.database_file_name, options.eps,
+                             static_cast<double>(options.min_samples), options.config_file);
+    service.start();
+    if (StopSignal::requested()) {
+      logmsgf(2, ServiceOptions::kProgramName, "Stopping on signal %d; pending jobs stay queued for the next start.",
+              StopSignal::signal_number());
+    }
+  } catch (const std::exception& e) {
+    std::cout << "\nError occurred while anomaly detection " << e.what() << std::flush;
+  }
+  return 0;
+}
