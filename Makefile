@@ -29,6 +29,7 @@ test-sanitize: deps
 
 bench: build
 	$(BUILD_DIR)/bench/dbscan_bench
+	$(BUILD_DIR)/bench/calibrate_bench
 
 clean:
 	rm -rf $(BUILD_DIR) $(SANITIZE_DIR)

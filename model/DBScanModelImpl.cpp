@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char* kUnequalRows = "Invalid input. Feature set having different dimensions.";
+constexpr const char* kUnequalRows = DBScan::kUnequalRowsMessage;
 constexpr double kNotComputed = -1.0;
 constexpr double kNoClusterDistance = 2147483647.0;
 

@@ -34,6 +34,9 @@ struct Observations {
 // Run on a freshly constructed object.
 class DBScan {
  public:
+  // What std::runtime_error says when rows of unequal length meet.
+  static constexpr const char* kUnequalRowsMessage = "Invalid input. Feature set having different dimensions.";
+
   // run_mode 1 labels every row; run_mode 2 returns as soon as row id 1 has a
   // positive label, leaving unvisited rows at 0. cluster_labels is written
   // only when a run completes, so after such an early stop it is empty.

@@ -27,7 +27,7 @@
 namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
-constexpr const char* kUnequalRows = "Invalid input. Feature set having different dimensions.";
+constexpr const char* kUnequalRows = DBScan::kUnequalRowsMessage;
 
 // The first obs.num_observations rows, stored feature by feature: the
 // distances from one row to all others then come from loops over contiguous

@@ -1,12 +1,14 @@
 #include "service/ServiceOptions.h"
 
 #include <ace/Arg_Shifter.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <iostream>
 #include <vector>
 
 #include "platform/DebugLog.h"
+#include "service/StopSignal.h"
 
 namespace {
 
@@ -74,4 +76,15 @@ void ServiceOptions::log_configuration_file() const {
   if (has_config_file) {
     logmsgf(2, kProgramName, "Using configuration file %s", config_file.c_str());
   }
+}
+
+std::optional<ServiceOptions> ServiceOptions::start_up(int argc, char** argv) {
+  umask(022);
+  ServiceOptions options = parse(argc, argv);
+  if (!options.open_log()) {
+    return std::nullopt;
+  }
+  options.log_configuration_file();
+  StopSignal::install();
+  return options;
 }

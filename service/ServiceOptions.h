@@ -4,6 +4,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 
 struct ServiceOptions {
@@ -17,6 +18,12 @@ struct ServiceOptions {
   // argument is always consumed, so an option without a value swallows the
   // next one. The first value given for an option wins.
   static ServiceOptions parse(int argc, char** argv);
+
+  // What every program that runs detection does first: file-creation mask
+  // 022, parse, open the debug log, name the configuration file in it and
+  // route SIGTERM / SIGINT to a clean stop. Empty when the log cannot be
+  // opened (the reason is already on standard error).
+  static std::optional<ServiceOptions> start_up(int argc, char** argv);
 
   // Opens <log_path>/tsanomalydetect/tsanomalydetect.log (mode 0644). On
   // failure writes "Failed to setup logging at [<log_path>/tsanomalydetect]"

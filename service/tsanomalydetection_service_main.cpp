@@ -1,7 +1,5 @@
 // The anomaly detection service: parses its six options, opens its debug
 // log, prints a short banner and runs detection passes until it is stopped.
-#include <sys/stat.h>
-
 #include <exception>
 #include <iostream>
 
@@ -11,13 +9,11 @@
 #include "service/StopSignal.h"
 
 int main(int argc, char** argv) {
-  umask(022);
-  const ServiceOptions options = ServiceOptions::parse(argc, argv);
-  if (!options.open_log()) {
+  const std::optional<ServiceOptions> started = ServiceOptions::start_up(argc, argv);
+  if (!started) {
     return 1;
   }
-  options.log_configuration_file();
-  StopSignal::install();
+  const ServiceOptions& options = *started;
   try {
     // The separator is a backslash on every platform; the database itself
     // is opened on the path joined with '/'.

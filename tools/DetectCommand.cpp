@@ -1,14 +1,11 @@
 #include "tools/DetectCommand.h"
 
-#include <sys/stat.h>
-
 #include <cstring>
 #include <exception>
 #include <iostream>
 
 #include "service/DetectionService.h"
 #include "service/ServiceOptions.h"
-#include "service/StopSignal.h"
 
 const char* const kDetectHelp =
     "usage: tsanomalyctl detect -database_location DIR -database_file_name FILE [-eps EPS]\n"
@@ -26,13 +23,11 @@ int run_detect(int argc, char** argv) {
       return 0;
     }
   }
-  umask(022);
-  const ServiceOptions options = ServiceOptions::parse(argc, argv);
-  if (!options.open_log()) {
+  const std::optional<ServiceOptions> started = ServiceOptions::start_up(argc, argv);
+  if (!started) {
     return 1;
   }
-  options.log_configuration_file();
-  StopSignal::install();
+  const ServiceOptions& options = *started;
   try {
     DetectionService service(options.database_location, options.database_file_name, options.eps,
                              static_cast<double>(options.min_samples), options.config_file);
