@@ -31,14 +31,21 @@ class ServiceTestFixture : public ::testing::Test {
     {
       Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess schema(
           dir.file("anomaly.db"), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+      // The files are thrown away after the test: no need to wait for the
+      // disk, here or on the service's connection below.
+      schema.execute_query("PRAGMA synchronous = OFF");
       schema.execute_query(anomaly_schema::anomaly_db_sql());
     }
     int status = 0;
     open_debug_log(dir.path(), "tsanomalydetect", "tsanomalydetect", 0644, &status);
     ASSERT_EQ(status, 0);
-    service = std::make_unique<DetectionService>(dir.path(), "anomaly.db", 0.5, 3.0, "");
+    service = std::make_unique<DetectionService>(dir.path(), "anomaly.db", 0.5, 3.0, config_path());
     service->set_clock([] { return kNow; });
+    sql("PRAGMA synchronous = OFF");
   }
+
+  // The configuration file the service reads; none by default.
+  virtual std::string config_path() const { return ""; }
 
   void TearDown() override {
     service.reset();
