@@ -2,12 +2,24 @@
 
 #include <cstring>
 
+#include "tools/AnomaliesCommand.h"
 #include "tools/DetectCommand.h"
+#include "tools/FeedbackCommand.h"
+#include "tools/InitCommand.h"
+#include "tools/ReportCommand.h"
+#include "tools/SimulateCommand.h"
+#include "tools/StatusCommand.h"
 
 namespace {
 
 const Command kCommands[] = {
+    {"init", "create a detector database", kInitHelp, run_init},
     {"detect", "run one detection pass now", kDetectHelp, run_detect},
+    {"anomalies", "list reported anomalies, newest first", kAnomaliesHelp, run_anomalies},
+    {"feedback", "report an anomaly as a false positive", kFeedbackHelp, run_feedback},
+    {"report", "write an HTML page of the anomalies with charts", kReportHelp, run_report},
+    {"status", "queue, history, models and recent anomalies", kStatusHelp, run_status},
+    {"simulate", "fill a database with synthetic backup jobs", kSimulateHelp, run_simulate},
 };
 
 }  // namespace

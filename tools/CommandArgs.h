@@ -1,0 +1,52 @@
+// CommandArgs: the arguments of one tsanomalyctl command, checked against
+// the options the command declares. Options are "--name value",
+// "--name=value" or bare "--flag"; everything else is positional. Every
+// problem becomes an error message for the operator, never an exception.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+class CommandArgs {
+ public:
+  struct Spec {
+    std::set<std::string> flags;        // e.g. "--json", "--force"
+    std::set<std::string> valued;       // e.g. "--client", "-o"
+    std::size_t min_positional = 0;
+    std::size_t max_positional = 0;
+  };
+
+  // argv[0] is the command's name. "--help" / "-h" anywhere sets help().
+  CommandArgs(int argc, char** argv, const Spec& spec);
+
+  bool ok() const { return error_.empty(); }
+  const std::string& error() const { return error_; }
+  bool help() const { return help_; }
+
+  const std::vector<std::string>& positional() const { return positional_; }
+  bool flag(const std::string& name) const { return flags_.count(name) != 0; }
+  std::optional<std::string> value(const std::string& name) const;
+
+  // The option as a whole number within [min, max], or fallback when it is
+  // absent. A malformed or out-of-range value records an error (see ok()).
+  long long integer(const std::string& name, long long fallback, long long min, long long max);
+  double number(const std::string& name, double fallback, double min, double max);
+
+  // What every command does first: with --help prints help_text to standard
+  // output and answers 0; after a usage error prints it, with a pointer to
+  // --help, to standard error and answers 2; otherwise answers nothing and
+  // the command goes on. Call it again after reading numeric options.
+  std::optional<int> help_or_usage_error(const char* command, const char* help_text) const;
+
+ private:
+  void fail(const std::string& message);
+
+  std::vector<std::string> positional_;
+  std::set<std::string> flags_;
+  std::map<std::string, std::string> values_;
+  std::string error_;
+  bool help_ = false;
+};

@@ -1,0 +1,11 @@
+// ErrorText: one line for the operator from any failure, with SQLite's own
+// explanation appended when the storage layer carried one.
+#pragma once
+
+#include <exception>
+#include <string>
+
+class ErrorText {
+ public:
+  static std::string of(const std::exception& e);
+};

@@ -1,0 +1,6 @@
+// tsanomalyctl feedback: records an operator's "false positive" verdict on a
+// reported anomaly; the next detection pass moves the job into the history.
+#pragma once
+
+extern const char* const kFeedbackHelp;
+int run_feedback(int argc, char** argv);

@@ -1,0 +1,465 @@
+#include "tools/HtmlReport.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <set>
+#include <utility>
+
+namespace {
+
+// The payload attributes a job can be flagged for, in the order the detector
+// writes them, with how their history is charted. Sizes are written in MB
+// but stored in KB; the time taken is stored in seconds.
+struct Feature {
+  const char* member;
+  const char* title;
+  SvgChart::Unit unit;
+  double HistoryPoint::*field;
+  double text_to_stored;    // factor from the attribute text's numbers to the stored unit
+  const char* text_suffix;  // unit the attribute text leaves out
+};
+
+const Feature kFeatures[] = {
+    {"anomalyImageSize", "Image size", SvgChart::Unit::Kilobytes, &HistoryPoint::image_size, 1024, ""},
+    {"anomalyBackupFilesCount", "Backup files", SvgChart::Unit::Count, &HistoryPoint::num_files, 1, " files"},
+    {"anomalyDataTransferred", "Data transferred", SvgChart::Unit::Kilobytes, &HistoryPoint::kb_transferred, 1024,
+     ""},
+    {"anomalyTimeTaken", "Time taken", SvgChart::Unit::Seconds, &HistoryPoint::total_time, 1, " s"},
+    {"anomalyDeduplicationRatio", "Deduplication ratio", SvgChart::Unit::Ratio, &HistoryPoint::dedup_rate, 1, ""},
+};
+
+// The names the detector lists in an anomaly's summary, in its order; used
+// to break ties when two kinds are equally frequent.
+const char* const kKindOrder[] = {"Anomaly image size", "Backup files count", "Data transferred", "Total time",
+                                  "Deduplication ratio"};
+
+const Feature* find_feature(const std::string& member) {
+  for (const Feature& feature : kFeatures) {
+    if (member == feature.member) return &feature;
+  }
+  return nullptr;
+}
+
+std::string trim(const std::string& text) {
+  const auto first = text.find_first_not_of(" \t");
+  if (first == std::string::npos) return "";
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+std::vector<std::string> kinds_of(const std::string& summary) {
+  std::vector<std::string> kinds;
+  std::size_t start = 0;
+  while (start <= summary.size()) {
+    std::size_t end = summary.find(',', start);
+    if (end == std::string::npos) end = summary.size();
+    const std::string kind = trim(summary.substr(start, end - start));
+    if (!kind.empty()) kinds.push_back(kind);
+    start = end + 1;
+  }
+  return kinds;
+}
+
+// A number that must be the whole of text (surrounding blanks allowed), with
+// an optional unit word after it ("1000.00 MB").
+std::optional<double> leading_number(const std::string& text) {
+  const char* begin = text.c_str();
+  char* end = nullptr;
+  const double value = std::strtod(begin, &end);
+  if (end == begin) return std::nullopt;
+  const std::string rest = trim(end);
+  if (!rest.empty() && rest.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz") !=
+                           std::string::npos) {
+    return std::nullopt;
+  }
+  return value;
+}
+
+std::string local_time_text(time_t t, const char* format) {
+  struct tm parts {};
+  if (localtime_r(&t, &parts) == nullptr) return "?";
+  char text[64];
+  if (std::strftime(text, sizeof text, format, &parts) == 0) return "?";
+  return text;
+}
+
+std::string plural(long long n, const char* one, const char* many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+// "3 hours ago", for a reader who wants to know how fresh a finding is.
+std::string relative(time_t now, time_t then) {
+  const long long seconds = static_cast<long long>(now) - static_cast<long long>(then);
+  if (seconds < 0) return "in the future";
+  if (seconds < 60) return "just now";
+  if (seconds < 3600) return plural(seconds / 60, "minute", "minutes") + " ago";
+  if (seconds < 86400) return plural(seconds / 3600, "hour", "hours") + " ago";
+  if (seconds < 86400LL * 60) return plural(seconds / 86400, "day", "days") + " ago";
+  if (seconds < 86400LL * 730) return plural(seconds / (86400LL * 30), "month", "months") + " ago";
+  return plural(seconds / (86400LL * 365), "year", "years") + " ago";
+}
+
+// "2 h 05 min", "12 min 30 s": a job's duration as an administrator says it.
+std::string duration(double seconds) {
+  const long long total = std::llround(std::max(seconds, 0.0));
+  char text[64];
+  if (total >= 3600) {
+    std::snprintf(text, sizeof text, "%lld h %02lld min", total / 3600, total % 3600 / 60);
+  } else if (total >= 60) {
+    std::snprintf(text, sizeof text, "%lld min %02lld s", total / 60, total % 60);
+  } else {
+    std::snprintf(text, sizeof text, "%lld s", total);
+  }
+  return text;
+}
+
+std::string or_dash(const std::string& text) { return text.empty() ? "\xE2\x80\x94" : HtmlReport::escape(text); }
+
+std::string fact(const char* label, const std::string& escaped_value) {
+  return "<div><dt>" + std::string(label) + "</dt><dd>" + escaped_value + "</dd></div>";
+}
+
+// How far outside its range the job lies, e.g. "28% above the usual range".
+std::string deviation(const HtmlReport::Reading& reading) {
+  char text[96];
+  if (reading.current > reading.high && reading.high > 0) {
+    const double percent = (reading.current - reading.high) / reading.high * 100;
+    if (percent >= 1000) {
+      std::snprintf(text, sizeof text, "\xE2\x96\xB2 %.0f\xC3\x97 the usual maximum", reading.current / reading.high);
+    } else {
+      std::snprintf(text, sizeof text, "\xE2\x96\xB2 %.0f%% above the usual range", std::max(percent, 1.0));
+    }
+    return text;
+  }
+  if (reading.current > reading.high) return "\xE2\x96\xB2 above the usual range";
+  if (reading.current < reading.low && reading.low > 0) {
+    const double percent = (reading.low - reading.current) / reading.low * 100;
+    std::snprintf(text, sizeof text, "\xE2\x96\xBC %.0f%% below the usual range", std::max(percent, 1.0));
+    return text;
+  }
+  if (reading.current < reading.low) return "\xE2\x96\xBC below the usual range";
+  return "";
+}
+
+const char* const kStyle = R"(
+:root { color-scheme: light; }
+* { box-sizing: border-box; }
+body { margin: 0; background: #f3f5f8; color: #1f2933;
+  font: 14px/1.45 system-ui, -apple-system, "Segoe UI", Roboto, "Helvetica Neue", Arial, sans-serif; }
+.page { max-width: 1180px; margin: 0 auto; padding: 28px 24px 48px; }
+header.top h1 { font-size: 24px; margin: 0 0 6px; font-weight: 650; letter-spacing: -0.01em; }
+.meta { color: #5b6573; margin: 0; }
+code { font: 12.5px ui-monospace, SFMono-Regular, Menlo, Consolas, monospace; background: #e8ecf1;
+  padding: 1px 6px; border-radius: 4px; overflow-wrap: anywhere; }
+.summary { display: grid; grid-template-columns: repeat(auto-fit, minmax(165px, 1fr)); gap: 12px; margin: 20px 0 6px; }
+.tile { background: #fff; border: 1px solid #e1e6ec; border-radius: 10px; padding: 12px 16px 14px; }
+.tile .label { font-size: 11.5px; text-transform: uppercase; letter-spacing: 0.05em; color: #5b6573; }
+.tile .value { font-size: 26px; font-weight: 650; margin-top: 2px; font-variant-numeric: tabular-nums; }
+.tile.kind { grid-column: span 2; }
+.tile.kind .value { font-size: 17px; line-height: 1.3; margin-top: 7px; }
+.tile .sub { color: #5b6573; font-size: 12.5px; }
+.showing { color: #5b6573; margin: 12px 0 0; }
+.legend { display: flex; gap: 20px; flex-wrap: wrap; align-items: center; color: #5b6573; font-size: 12.5px;
+  margin: 18px 0 14px; }
+.legend span::before { content: ""; display: inline-block; vertical-align: -1px; margin-right: 6px; }
+.legend .l-history::before { width: 16px; height: 2px; background: #8fb1d9; vertical-align: 3px; }
+.legend .l-band::before { width: 16px; height: 10px; background: rgba(46, 158, 91, 0.18);
+  border-top: 1px dashed #2e9e5b; border-bottom: 1px dashed #2e9e5b; }
+.legend .l-job::before { width: 10px; height: 10px; border-radius: 50%; background: #d93025; }
+.card { background: #fff; border: 1px solid #e1e6ec; border-left: 4px solid #d93025; border-radius: 10px;
+  padding: 16px 20px 18px; margin: 0 0 16px; box-shadow: 0 1px 2px rgba(16, 24, 40, 0.05); }
+.card-head { display: flex; justify-content: space-between; align-items: flex-start; gap: 12px; }
+.card-head > div { min-width: 0; }
+.card h2 { font-size: 18px; margin: 0; font-weight: 650; overflow-wrap: break-word; }
+.when { color: #5b6573; font-size: 13px; margin-top: 1px; }
+.score { flex: none; font-size: 12.5px; color: #8a1c14; background: #fdecea; border-radius: 999px;
+  padding: 3px 11px; font-weight: 600; font-variant-numeric: tabular-nums; }
+.kinds { list-style: none; padding: 0; margin: 10px 0 0; display: flex; flex-wrap: wrap; gap: 6px; }
+.kinds li { background: #fff4e5; color: #8a4b00; border: 1px solid #f5d7a4; border-radius: 999px;
+  padding: 1px 10px; font-size: 12.5px; }
+.facts { display: grid; grid-template-columns: repeat(auto-fill, minmax(165px, 1fr)); gap: 8px 18px;
+  margin: 12px 0 14px; }
+.facts div { min-width: 0; }
+.facts dt { font-size: 11px; color: #5b6573; text-transform: uppercase; letter-spacing: 0.05em; }
+.facts dd { margin: 0; overflow-wrap: anywhere; }
+.features { display: grid; grid-template-columns: repeat(auto-fit, minmax(430px, 1fr)); gap: 14px; }
+.feature { border: 1px solid #e9edf2; border-radius: 8px; padding: 10px 12px 6px; background: #fcfdfe; min-width: 0; }
+.feature h3 { font-size: 13.5px; margin: 0; font-weight: 600; }
+.reading { font-size: 13px; color: #5b6573; margin: 2px 0 4px; display: flex; flex-wrap: wrap; column-gap: 12px; }
+.reading .now { color: #c5221f; font-weight: 650; }
+.reading .off { color: #8a1c14; white-space: nowrap; }
+svg.chart { width: 100%; height: auto; display: block; }
+.note { color: #4b5563; background: #f6f7f9; border: 1px dashed #d5dbe3; border-radius: 8px; padding: 9px 12px;
+  margin: 0 0 12px; }
+.empty { background: #fff; border: 1px solid #e1e6ec; border-radius: 10px; padding: 36px 24px; text-align: center;
+  color: #3d4752; margin-top: 20px; }
+.empty strong { display: block; font-size: 17px; margin-bottom: 4px; }
+footer { color: #7b8491; font-size: 12px; margin-top: 28px; }
+@media (max-width: 560px) { .features { grid-template-columns: 1fr; } .tile.kind { grid-column: auto; } }
+@media print { body { background: #fff; } .card { box-shadow: none; break-inside: avoid; } }
+)";
+
+}  // namespace
+
+HtmlReport::HtmlReport(std::string database_path, time_t generated_at)
+    : database_path_(std::move(database_path)), generated_at_(generated_at) {}
+
+std::string HtmlReport::escape(std::string_view text) {
+  static const char kReplacement[] = "\xEF\xBF\xBD";
+  std::string out;
+  out.reserve(text.size() + text.size() / 8);
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c < 0x80) {
+      switch (c) {
+        case '&': out += "&amp;"; break;
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
+        case '"': out += "&quot;"; break;
+        case '\'': out += "&#39;"; break;
+        default:
+          if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7F) {
+            out += kReplacement;
+          } else {
+            out += static_cast<char>(c);
+          }
+      }
+      ++i;
+      continue;
+    }
+    // A well-formed UTF-8 sequence passes unchanged; anything else (a stray
+    // continuation byte, a cut sequence, an overlong form, a surrogate)
+    // becomes one replacement character per offending byte.
+    std::size_t length = 0;
+    unsigned char low = 0x80, high = 0xBF;
+    if (c >= 0xC2 && c <= 0xDF) {
+      length = 2;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      length = 3;
+      if (c == 0xE0) low = 0xA0;
+      if (c == 0xED) high = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      length = 4;
+      if (c == 0xF0) low = 0x90;
+      if (c == 0xF4) high = 0x8F;
+    }
+    bool valid = length != 0 && i + length <= text.size();
+    for (std::size_t k = 1; valid && k < length; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + k]);
+      valid = k == 1 ? (next >= low && next <= high) : (next & 0xC0) == 0x80;
+    }
+    if (valid) {
+      out.append(text.substr(i, length));
+      i += length;
+    } else {
+      out += kReplacement;
+      ++i;
+    }
+  }
+  return out;
+}
+
+std::optional<HtmlReport::Reading> HtmlReport::parse_reading(const std::string& text) {
+  static const std::string kOpen = " (Usual: ";
+  const std::size_t open = text.find(kOpen);
+  if (open == std::string::npos || text.empty() || text.back() != ')') return std::nullopt;
+  const std::string usual = text.substr(open + kOpen.size(), text.size() - 1 - open - kOpen.size());
+  // The separator has a blank on both sides, so "-1 - -1" splits correctly.
+  const std::size_t dash = usual.find(" - ");
+  if (dash == std::string::npos) return std::nullopt;
+  Reading reading;
+  reading.current_text = trim(text.substr(0, open));
+  reading.low_text = trim(usual.substr(0, dash));
+  reading.high_text = trim(usual.substr(dash + 3));
+  const auto current = leading_number(reading.current_text);
+  const auto low = leading_number(reading.low_text);
+  const auto high = leading_number(reading.high_text);
+  if (!current || !low || !high) return std::nullopt;
+  reading.current = *current;
+  reading.low = *low;
+  reading.high = *high;
+  return reading;
+}
+
+std::optional<SvgChart> HtmlReport::chart_for(const std::string& member, const std::string& text,
+                                              const WorkloadHistory& history) {
+  const Feature* feature = find_feature(member);
+  if (feature == nullptr || !history.job_found || history.history.empty()) return std::nullopt;
+  std::vector<SvgChart::Point> points;
+  points.reserve(history.history.size());
+  for (const HistoryPoint& point : history.history) points.push_back({point.backup_time, point.*(feature->field)});
+  const SvgChart::Point job{history.job.backup_time, history.job.*(feature->field)};
+
+  std::optional<SvgChart::Range> usual;
+  std::string label = "this job: ";
+  if (const auto reading = parse_reading(text)) {
+    // A cluster without members is written as the range -1 - -1 (sizes as
+    // -0.00 MB): there is no usual range to draw then.
+    if (reading->high >= 0) {
+      usual = SvgChart::Range{reading->low * feature->text_to_stored, reading->high * feature->text_to_stored};
+    }
+    label += reading->current_text + feature->text_suffix;
+  } else {
+    char value[64];
+    std::snprintf(value, sizeof value, "%g", job.value);
+    label += value;
+  }
+  return SvgChart(feature->unit, std::move(points), job, usual, label, feature->title);
+}
+
+void HtmlReport::summarise(const std::vector<AnomalyRecord>& all) {
+  total_ = all.size();
+  std::set<std::string> clients;
+  std::map<std::string, std::size_t> kinds;
+  last_day_ = last_week_ = 0;
+  for (const AnomalyRecord& record : all) {
+    clients.insert(record.client);
+    if (record.detection_time >= generated_at_ - 86400) ++last_day_;
+    if (record.detection_time >= generated_at_ - 7 * 86400) ++last_week_;
+    for (const std::string& kind : kinds_of(record.summary)) ++kinds[kind];
+  }
+  clients_ = clients.size();
+  top_kind_.clear();
+  top_kind_count_ = 0;
+  // The detector's own order first, so that a tie always names the same kind.
+  for (const char* kind : kKindOrder) {
+    const auto found = kinds.find(kind);
+    if (found != kinds.end() && found->second > top_kind_count_) {
+      top_kind_ = found->first;
+      top_kind_count_ = found->second;
+    }
+  }
+  for (const auto& [kind, count] : kinds) {
+    if (count > top_kind_count_) {
+      top_kind_ = kind;
+      top_kind_count_ = count;
+    }
+  }
+}
+
+void HtmlReport::add_card(const AnomalyRecord& anomaly, const WorkloadHistory& history) {
+  cards_ += card(anomaly, history);
+  ++card_count_;
+}
+
+std::string HtmlReport::card(const AnomalyRecord& anomaly, const WorkloadHistory& history) const {
+  std::string out = "<article class=\"card\" data-anomaly-id=\"" + escape(anomaly.id) + "\">\n";
+  out += "<div class=\"card-head\"><div><h2 class=\"client\">" + or_dash(anomaly.client) + "</h2>";
+  out += "<div class=\"when\">Detected <time>" + escape(local_time_text(anomaly.detection_time, "%Y-%m-%d %H:%M:%S")) +
+         "</time> \xC2\xB7 " + relative(generated_at_, anomaly.detection_time) + "</div></div>";
+  out += "<span class=\"score\" title=\"Distance to the nearest cluster of normal jobs; larger is stranger\">Score " +
+         or_dash(anomaly.score) + "</span></div>\n";
+
+  const std::vector<std::string> kinds = kinds_of(anomaly.summary);
+  if (!kinds.empty()) {
+    out += "<ul class=\"kinds\">";
+    for (const std::string& kind : kinds) out += "<li>" + escape(kind) + "</li>";
+    out += "</ul>\n";
+  }
+
+  out += "<dl class=\"facts\">";
+  out += fact("Policy", or_dash(anomaly.policy));
+  out += fact("Policy type", or_dash(anomaly.policy_type));
+  out += fact("Schedule", or_dash(anomaly.schedule_name));
+  out += fact("Storage", or_dash(anomaly.storage_name));
+  out += fact("Anomaly id", "<code>" + or_dash(anomaly.id) + "</code>");
+  out += "</dl>\n";
+
+  if (anomaly.attributes.empty()) {
+    out += "<p class=\"note\">The stored report names no feature outside its usual range.</p>\n";
+  } else if (!history.job_found) {
+    out += "<p class=\"note\">This job is no longer in the detection queue (it was, for example, reported as a "
+           "false positive and moved into the history), so there is nothing to chart.</p>\n";
+  } else if (history.history.empty()) {
+    out += "<p class=\"note\">This workload has no accepted jobs in its history yet, so there is nothing to "
+           "compare this job with.</p>\n";
+  }
+
+  if (!anomaly.attributes.empty()) {
+    out += "<div class=\"features\">\n";
+    for (const auto& [member, text] : anomaly.attributes) {
+      const Feature* feature = find_feature(member);
+      out += "<section class=\"feature\" data-feature=\"" + escape(member) + "\">";
+      out += "<h3>" + escape(feature != nullptr ? feature->title : member) + "</h3>";
+      const auto reading = parse_reading(text);
+      if (reading && feature != nullptr) {
+        const std::string suffix = feature->text_suffix;
+        std::string now = escape(reading->current_text + suffix);
+        if (feature->unit == SvgChart::Unit::Seconds) now += " (" + duration(reading->current) + ")";
+        out += "<div class=\"reading\"><span class=\"now\">" + now + "</span><span class=\"usual\">usual " +
+               escape(reading->low_text + suffix) + " \xE2\x80\x93 " + escape(reading->high_text + suffix) +
+               "</span>";
+        const std::string off = deviation(*reading);
+        if (!off.empty()) out += "<span class=\"off\">" + off + "</span>";
+        out += "</div>";
+      } else {
+        out += "<div class=\"reading\">" + escape(text) + "</div>";
+      }
+      if (const auto chart = chart_for(member, text, history)) out += "\n" + chart->svg();
+      out += "</section>\n";
+    }
+    out += "</div>\n";
+  }
+  out += "</article>\n";
+  return out;
+}
+
+std::string HtmlReport::html() const {
+  std::string name = database_path_;
+  if (const auto slash = name.find_last_of('/'); slash != std::string::npos && slash + 1 < name.size()) {
+    name = name.substr(slash + 1);
+  }
+  const std::string generated = local_time_text(generated_at_, "%Y-%m-%d %H:%M:%S");
+  const std::string zone = local_time_text(generated_at_, "%Z");
+
+  std::string out;
+  out.reserve(8192 + cards_.size());
+  out += "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
+  out += "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n";
+  out += "<meta name=\"generator\" content=\"tsanomalyctl report\">\n";
+  out += "<title>Backup anomaly report \xE2\x80\x93 " + escape(name) + "</title>\n";
+  out += "<style>" + std::string(kStyle) + "</style>\n</head>\n<body>\n<div class=\"page\">\n";
+
+  out += "<header class=\"top\">\n<h1>Backup anomaly report</h1>\n";
+  out += "<p class=\"meta\">Database <code class=\"database\">" + escape(database_path_) +
+         "</code> \xC2\xB7 generated <time class=\"generated\">" + escape(generated) + "</time> " + escape(zone) +
+         " (all times are local)</p>\n</header>\n";
+
+  const auto tile = [](const std::string& kind, const std::string& label, const std::string& value,
+                       const std::string& sub) {
+    return "<div class=\"tile " + kind + "\"><div class=\"label\">" + label + "</div><div class=\"value\">" + value +
+           "</div>" + (sub.empty() ? "" : "<div class=\"sub\">" + sub + "</div>") + "</div>\n";
+  };
+  out += "<section class=\"summary\">\n";
+  out += tile("total", "Anomalies", std::to_string(total_), "");
+  out += tile("clients", "Clients affected", std::to_string(clients_), "");
+  out += tile("day", "Last 24 hours", std::to_string(last_day_), "");
+  out += tile("week", "Last 7 days", std::to_string(last_week_), "");
+  out += tile("kind", "Most frequent kind", top_kind_.empty() ? "\xE2\x80\x94" : escape(top_kind_),
+              top_kind_.empty() ? ""
+                                : "in " + std::to_string(top_kind_count_) + " of " + std::to_string(total_) +
+                                      (total_ == 1 ? " anomaly" : " anomalies"));
+  out += "</section>\n";
+
+  if (total_ == 0 && card_count_ == 0) {
+    out += "<div class=\"empty\"><strong>No anomalies reported</strong>The detector has not flagged any backup job in "
+           "this database.</div>\n";
+  } else {
+    if (card_count_ < total_) {
+      out += "<p class=\"showing\">Showing the newest " + std::to_string(card_count_) + " of " +
+             std::to_string(total_) + " anomalies.</p>\n";
+    }
+    out += "<div class=\"legend\"><span class=\"l-history\">accepted jobs of the workload</span>"
+           "<span class=\"l-band\">usual range of the most similar jobs</span>"
+           "<span class=\"l-job\">the anomalous job</span></div>\n";
+    out += "<main>\n" + cards_ + "</main>\n";
+  }
+  out += "<footer>Each card is one backup job the detector found unlike its workload's earlier jobs. The charts show "
+         "only the features that left their usual range; the score is the job's distance to the nearest group of "
+         "normal jobs.</footer>\n";
+  out += "</div>\n</body>\n</html>\n";
+  return out;
+}

@@ -1,0 +1,60 @@
+// HtmlReport: the page that tsanomalyctl report writes: one self-contained
+// HTML document (inline CSS and SVG, no scripts, nothing fetched) with a
+// summary of every reported anomaly and one card per anomaly, newest first.
+#pragma once
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/AnomalyStore.h"
+#include "tools/SvgChart.h"
+
+class HtmlReport {
+ public:
+  // One attribute text of a payload taken apart, e.g.
+  // "1536.00 MB (Usual: 1000.00 MB - 1200.50 MB)" gives the texts
+  // "1536.00 MB", "1000.00 MB", "1200.50 MB" and the numbers as written
+  // (megabytes for sizes, seconds for the time taken).
+  struct Reading {
+    std::string current_text, low_text, high_text;
+    double current = 0, low = 0, high = 0;
+  };
+
+  HtmlReport(std::string database_path, time_t generated_at);
+
+  // The header's figures; they count every anomaly given here, also those
+  // left without a card by the limit.
+  void summarise(const std::vector<AnomalyRecord>& all);
+  // Cards appear in the order they are added.
+  void add_card(const AnomalyRecord& anomaly, const WorkloadHistory& history);
+  std::string html() const;
+
+  // Text for HTML content and attribute values: markup characters become
+  // entities, and bytes that are not UTF-8 (or are control characters)
+  // become U+FFFD, so whatever a client is called the page stays valid.
+  static std::string escape(std::string_view text);
+  // None when the text does not have the "X (Usual: A - B)" form.
+  static std::optional<Reading> parse_reading(const std::string& text);
+  // The chart of one payload attribute ("anomalyImageSize", ...) against the
+  // workload's history, its band taken from the attribute text. None for an
+  // unknown attribute, a job no longer in the queue or an empty history.
+  static std::optional<SvgChart> chart_for(const std::string& member, const std::string& text,
+                                           const WorkloadHistory& history);
+
+ private:
+  std::string card(const AnomalyRecord& anomaly, const WorkloadHistory& history) const;
+
+  std::string database_path_;
+  time_t generated_at_;
+  std::size_t total_ = 0;
+  std::size_t clients_ = 0;
+  std::size_t last_day_ = 0;
+  std::size_t last_week_ = 0;
+  std::string top_kind_;
+  std::size_t top_kind_count_ = 0;
+  std::size_t card_count_ = 0;
+  std::string cards_;
+};

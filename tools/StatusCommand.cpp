@@ -1,0 +1,63 @@
+#include "tools/StatusCommand.h"
+
+#include <ctime>
+#include <iostream>
+#include <string>
+
+#include "storage/Statement.h"
+#include "tools/AnomalyStore.h"
+#include "tools/CommandArgs.h"
+#include "tools/ErrorText.h"
+
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
+
+const char* const kStatusHelp =
+    "usage: tsanomalyctl status DB\n"
+    "\n"
+    "Shows the queue (jobs pending detection, and reported jobs awaiting an\n"
+    "operator's verdict), the history the detector trains on, the number of\n"
+    "workloads and of calibrated models, and the anomalies of the last 24 hours,\n"
+    "the last 7 days and in total.\n";
+
+namespace {
+
+// One number from a query whose single result column is named N.
+long long count(AnomalyStore& store, const std::string& sql, double bound = 0) {
+  Statement st(store.database().handle, sql);
+  if (sql.find('?') != std::string::npos) st.bind(1, bound);
+  Rows rows;
+  store.database().read_data_prepared(st, rows);
+  return rows.empty() ? 0 : std::stoll("0" + std::string(rows[0]["N"]));
+}
+
+}  // namespace
+
+int run_status(int argc, char** argv) {
+  CommandArgs args(argc, argv, {{}, {}, 1, 1});
+  if (auto exit_code = args.help_or_usage_error("status", kStatusHelp)) return *exit_code;
+  try {
+    AnomalyStore store(args.positional()[0]);
+    const double now = static_cast<double>(std::time(nullptr));
+    const auto line = [](const char* label, long long value) {
+      std::cout << label << std::string(28 - std::string(label).size(), ' ') << value << "\n";
+    };
+    line("Pending jobs", count(store, "SELECT COUNT(*) AS N FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 0"));
+    line("Processed, awaiting verdict", count(store, "SELECT COUNT(*) AS N FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 1"));
+    line("History rows", count(store, "SELECT COUNT(*) AS N FROM HIST_DATA"));
+    line("Workloads",
+         count(store,
+               "SELECT COUNT(*) AS N FROM (SELECT DISTINCT CLIENT, POLICY, POLICY_TYPE, APP_TYPE, SCHEDULE_TYPE, "
+               "SCHEDULE_NAME, DESTINATION_STORAGE_NAME, ASSET_ID FROM HIST_DATA)"));
+    line("Calibrated models", count(store, "SELECT COUNT(*) AS N FROM DBSCAN_MODEL_PARAMS"));
+    line("Anomalies, last 24 hours",
+         count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE DETECTION_TIME >= ?", now - 86400));
+    line("Anomalies, last 7 days",
+         count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE DETECTION_TIME >= ?", now - 7 * 86400));
+    line("Anomalies, total", count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA"));
+  } catch (const std::exception& e) {
+    std::cerr << "tsanomalyctl status: " << ErrorText::of(e) << "\n";
+    return 1;
+  }
+  return 0;
+}
