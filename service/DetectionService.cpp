@@ -179,6 +179,7 @@ DetectionService::DetectionService(const std::string& database_location, const s
     logmsgf(16, kCategory, "Could not create database %s", database_file_name.c_str());
     throw std::exception();
   }
+  db->set_busy_timeout(kDefaultBusyTimeoutMs);
   init_feature_list();
 }
 

@@ -30,6 +30,10 @@ class DetectionService {
   using Clock = std::function<time_t()>;
   using Sleep = std::function<void(unsigned seconds)>;
 
+  // The queue has a concurrent writer: a statement waits this long for its
+  // short transactions instead of failing.
+  static constexpr int kDefaultBusyTimeoutMs = 10000;
+
   // Opens (creating when missing) database_location/database_file_name.
   // When it cannot, logs "Could not create database <file name>" and throws
   // a plain std::exception.
@@ -101,6 +105,7 @@ class DetectionService {
   // Where the service reads the wall clock and how it waits; tests pin them.
   void set_clock(Clock clock) { now = std::move(clock); }
   void set_sleep(Sleep sleep) { sleep_for = std::move(sleep); }
+  void set_busy_timeout(int milliseconds) { db->set_busy_timeout(milliseconds); }
 
  private:
   struct PassSettings;

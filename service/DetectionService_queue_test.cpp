@@ -1,5 +1,7 @@
 // Construction of the service and the two queue operations.
+#include <chrono>
 #include <stdexcept>
+#include <thread>
 
 #include "schema/DetectorSql.h"
 #include "service/ServiceTestFixture.h"
@@ -93,4 +95,21 @@ TEST_F(QueueTest, MissingDatabaseDirectoryFailsConstructionNamingOnlyTheFile) {
 TEST_F(QueueTest, MissingDatabaseFileIsCreated) {
   DetectionService fresh(dir.path(), "new.db", 0.5, 3.0, "");
   EXPECT_EQ(access(dir.file("new.db").c_str(), F_OK), 0);
+}
+
+TEST_F(QueueTest, ServiceWaitsForAWritersShortLock) {
+  // A fresh service has the production timeout; a writer holding the queue
+  // for a moment delays the update instead of failing it.
+  DetectionService patient(dir.path(), "anomaly.db", 0.5, 3.0, "");
+  queue(job("k1"));
+  Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess writer(dir.file("anomaly.db"), SQLITE_OPEN_READWRITE);
+  writer.begin_transaction();
+  writer.execute_query("UPDATE DATA_TO_PROCESS SET BACKUP_ID = 'held' WHERE UNIQUE_KEY = 'k1'");
+  std::thread release([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    writer.commit_transaction();
+  });
+  EXPECT_NO_THROW(patient.update_processed_status("k1"));
+  release.join();
+  EXPECT_EQ(query("SELECT PROCESSED_STATUS FROM DATA_TO_PROCESS")[0]["PROCESSED_STATUS"], 1);
 }

@@ -24,6 +24,7 @@ class ServiceTestFixture : public ::testing::Test {
   using Value = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
 
   static constexpr time_t kNow = 1700000000;  // 2023-11-14 22:13:20 UTC
+  static constexpr int kTestBusyTimeoutMs = 50;
 
   void SetUp() override {
     setenv("TZ", "UTC", 1);
@@ -41,6 +42,8 @@ class ServiceTestFixture : public ::testing::Test {
     ASSERT_EQ(status, 0);
     service = std::make_unique<DetectionService>(dir.path(), "anomaly.db", 0.5, 3.0, config_path());
     service->set_clock([] { return kNow; });
+    // Lock tests hold a lock far longer than this; nobody waits 10 s.
+    service->set_busy_timeout(kTestBusyTimeoutMs);
     sql("PRAGMA synchronous = OFF");
   }
 

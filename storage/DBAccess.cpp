@@ -44,6 +44,8 @@ void DBAccess::close_database() {
   handle = nullptr;
 }
 
+void DBAccess::set_busy_timeout(int milliseconds) { sqlite3_busy_timeout(handle, milliseconds); }
+
 void DBAccess::begin_transaction() {
   exec_or_throw("BEGIN TRANSACTION;", "BEGIN TRANSACTION execution failed.");
 }

@@ -23,6 +23,9 @@ class DBAccess {
 
   void open_database();
   void close_database();
+  // How long a statement waits for another connection's lock before it
+  // fails with SQLITE_BUSY; 0 (SQLite's default) fails at once.
+  void set_busy_timeout(int milliseconds);
 
   void begin_transaction();
   void commit_transaction();

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <thread>
+
 #include "tests/support/TempDir.h"
 
 using namespace Corvane::Tessaryn::UsageReporting::SQLiteDatabase;
@@ -231,4 +234,38 @@ TEST(SqliteException, ConstructorsFillMessageAndInner) {
   EXPECT_STREQ(streamed_inner.inner_message(), "inner");
   const std::exception& base = both;
   EXPECT_STREQ(base.what(), "m");
+}
+
+TEST_F(DBAccessTest, BusyTimeoutWaitsForAShortLockInsteadOfFailing) {
+  DBAccess holder(path, kServiceFlags);
+  holder.execute_query("CREATE TABLE t(a)");
+  DBAccess waiter(path, kServiceFlags);
+  waiter.set_busy_timeout(5000);
+  holder.begin_transaction();
+  holder.execute_query("INSERT INTO t VALUES (1)");
+  std::thread release([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    holder.commit_transaction();
+  });
+  EXPECT_NO_THROW(waiter.execute_query("INSERT INTO t VALUES (2)"));
+  release.join();
+  Rows rows;
+  waiter.read_data("SELECT COUNT(*) FROM t", rows);
+  EXPECT_TRUE(rows[0]["COUNT(*)"] == "2");
+}
+
+TEST_F(DBAccessTest, BusyTimeoutGivesUpAfterItsTime) {
+  DBAccess holder(path, kServiceFlags);
+  holder.execute_query("CREATE TABLE t(a)");
+  DBAccess waiter(path, kServiceFlags);
+  waiter.set_busy_timeout(50);
+  holder.begin_transaction();
+  holder.execute_query("INSERT INTO t VALUES (1)");
+  try {
+    waiter.execute_query("INSERT INTO t VALUES (2)");
+    FAIL();
+  } catch (const sqlite_exception& e) {
+    EXPECT_STREQ(e.inner_message(), "database is locked");
+  }
+  holder.rollback_transaction();
 }
