@@ -15,6 +15,7 @@
 #include "platform/DebugLog.h"
 #include "schema/AnomalySchema.h"
 #include "service/DetectionService.h"
+#include "tests/support/RowWriter.h"
 #include "tests/support/TempDir.h"
 
 class ServiceTestFixture : public ::testing::Test {
@@ -88,12 +89,7 @@ class ServiceTestFixture : public ::testing::Test {
 
   // Inserts a row into a table by column name.
   void insert(const std::string& table, const Row& row) {
-    std::string columns, values;
-    for (const auto& [column, value] : row) {
-      columns += (columns.empty() ? "" : ", ") + column;
-      values += (values.empty() ? "'" : ", '") + value.text() + "'";
-    }
-    sql("INSERT INTO " + table + " (" + columns + ") VALUES (" + values + ")");
+    tsanomaly_test::RowWriter::insert(service->database(), table, row);
   }
 
   void queue(const Row& row) { insert("DATA_TO_PROCESS", row); }

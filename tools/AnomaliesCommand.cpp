@@ -94,9 +94,8 @@ int run_anomalies(int argc, char** argv) {
   if (const auto since = args.value("--since")) {
     filter.since = TimeText::parse_local(*since);
     if (!filter.since) {
-      std::cerr << "tsanomalyctl anomalies: --since takes YYYY-MM-DD or 'YYYY-MM-DD HH:MM[:SS]', not '" << *since
-                << "'\n";
-      return 2;
+      return CommandArgs::usage_error("anomalies",
+                                      "--since takes YYYY-MM-DD or 'YYYY-MM-DD HH:MM[:SS]', not '" + *since + "'");
     }
   }
   try {

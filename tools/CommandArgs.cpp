@@ -97,9 +97,13 @@ std::optional<int> CommandArgs::help_or_usage_error(const char* command, const c
     return 0;
   }
   if (!ok()) {
-    std::cerr << "tsanomalyctl " << command << ": " << error_ << "\nRun 'tsanomalyctl " << command
-              << " --help' for usage.\n";
-    return 2;
+    return usage_error(command, error_);
   }
   return std::nullopt;
+}
+
+int CommandArgs::usage_error(const std::string& command, const std::string& message) {
+  std::cerr << "tsanomalyctl " << command << ": " << message << "\nRun 'tsanomalyctl " << command
+            << " --help' for usage.\n";
+  return 2;
 }

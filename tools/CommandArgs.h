@@ -41,6 +41,10 @@ class CommandArgs {
   // the command goes on. Call it again after reading numeric options.
   std::optional<int> help_or_usage_error(const char* command, const char* help_text) const;
 
+  // Prints a usage error of the command the way every command words it and
+  // answers the exit status for it, 2.
+  static int usage_error(const std::string& command, const std::string& message);
+
  private:
   void fail(const std::string& message);
 

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "storage/Exception.h"
 #include "tools/AnomalyStore.h"
 #include "tools/CommandArgs.h"
+#include "tools/ErrorText.h"
 #include "tools/HtmlReport.h"
 
 const char* const kReportHelp =
@@ -35,19 +35,7 @@ namespace {
 
 constexpr long long kDefaultLimit = 100;
 
-// Worded like the option errors CommandArgs reports for every command.
-int usage_error(const std::string& message) {
-  std::cerr << "tsanomalyctl report: " << message << "\nRun 'tsanomalyctl report --help' for usage.\n";
-  return 2;
-}
-
-std::string describe(const std::exception& e) {
-  using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::sqlite_exception;
-  if (const auto* storage = dynamic_cast<const sqlite_exception*>(&e); storage && *storage->inner_message()) {
-    return std::string(storage->what()) + " (" + storage->inner_message() + ")";
-  }
-  return e.what();
-}
+int usage_error(const std::string& message) { return CommandArgs::usage_error("report", message); }
 
 bool same_file(const std::string& a, const std::string& b) {
   struct stat sa {}, sb {};
@@ -94,7 +82,7 @@ int run_report(int argc, char** argv) {
     std::cout << "Wrote " << *output << ": " << shown << " of " << all.size()
               << (all.size() == 1 ? " anomaly" : " anomalies") << ".\n";
   } catch (const std::exception& e) {
-    std::cerr << "tsanomalyctl report: " << describe(e) << "\n";
+    std::cerr << "tsanomalyctl report: " << ErrorText::of(e) << "\n";
     return 1;
   }
   return 0;

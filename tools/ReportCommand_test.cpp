@@ -16,6 +16,7 @@
 #include "schema/AnomalySchema.h"
 #include "service/DetectionService.h"
 #include "storage/Statement.h"
+#include "tests/support/RowWriter.h"
 #include "tests/support/TempDir.h"
 #include "tools/HtmlReport.h"
 #include "tools/ReportCommand.h"
@@ -516,15 +517,7 @@ class ReportCommandTest : public UtcTest {
   }
 
   void insert(const std::string& table, const Row& row) {
-    std::string columns, marks;
-    for (const auto& [column, value] : row) {
-      columns += (columns.empty() ? "" : ", ") + column;
-      marks += marks.empty() ? "?" : ", ?";
-    }
-    Statement st(service->database().handle, "INSERT INTO " + table + " (" + columns + ") VALUES (" + marks + ")");
-    int index = 1;
-    for (const auto& [column, value] : row) st.bind(index++, value.text());
-    service->database().execute_query_prepared(st);
+    tsanomaly_test::RowWriter::insert(service->database(), table, row);
   }
 
   // Daily accepted jobs of the client's workload before `until`.

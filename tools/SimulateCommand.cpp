@@ -47,11 +47,7 @@ namespace {
 
 constexpr const char* kCommand = "simulate";
 
-int usage_error(const std::string& message) {
-  std::cerr << "tsanomalyctl " << kCommand << ": " << message << "\nRun 'tsanomalyctl " << kCommand
-            << " --help' for usage.\n";
-  return 2;
-}
+int usage_error(const std::string& message) { return CommandArgs::usage_error(kCommand, message); }
 
 // Reads the options; a malformed or out-of-range value is recorded in args.
 BackupSimulator::Settings read_settings(CommandArgs& args) {

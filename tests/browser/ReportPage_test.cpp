@@ -18,6 +18,7 @@
 #include "service/DetectionService.h"
 #include "storage/Statement.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/RowWriter.h"
 #include "tests/support/TempDir.h"
 #include "tools/AnomalyStore.h"
 
@@ -79,15 +80,7 @@ class ReportPageTest : public ::testing::Test {
   }
 
   void insert(const std::string& table, const Row& row) {
-    std::string columns, marks;
-    for (const auto& [column, value] : row) {
-      columns += (columns.empty() ? "" : ", ") + column;
-      marks += marks.empty() ? "?" : ", ?";
-    }
-    Statement st(service->database().handle, "INSERT INTO " + table + " (" + columns + ") VALUES (" + marks + ")");
-    int index = 1;
-    for (const auto& [column, value] : row) st.bind(index++, value.text());
-    service->database().execute_query_prepared(st);
+    tsanomaly_test::RowWriter::insert(service->database(), table, row);
   }
 
   // Forty nightly jobs with a little day-to-day variation in the feature
