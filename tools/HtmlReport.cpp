@@ -398,7 +398,10 @@ std::string HtmlReport::card(const AnomalyRecord& anomaly, const WorkloadHistory
       } else {
         out += "<div class=\"reading\">" + escape(text) + "</div>";
       }
-      if (const auto chart = chart_for(member, text, history)) out += "\n" + chart->svg();
+      if (const auto chart = chart_for(member, text, history)) {
+        out += '\n';
+        out += chart->svg();
+      }
       out += "</section>\n";
     }
     out += "</div>\n";

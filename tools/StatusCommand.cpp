@@ -1,5 +1,6 @@
 #include "tools/StatusCommand.h"
 
+#include <cstdlib>
 #include <ctime>
 #include <iostream>
 #include <string>
@@ -28,7 +29,7 @@ long long count(AnomalyStore& store, const std::string& sql, double bound = 0) {
   if (sql.find('?') != std::string::npos) st.bind(1, bound);
   Rows rows;
   store.database().read_data_prepared(st, rows);
-  return rows.empty() ? 0 : std::stoll("0" + std::string(rows[0]["N"]));
+  return rows.empty() ? 0 : std::strtoll(rows[0]["N"].text().c_str(), nullptr, 10);
 }
 
 }  // namespace
