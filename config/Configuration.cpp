@@ -1,6 +1,7 @@
 #include "config/Configuration.h"
 
 #include <ace/Configuration_Import_Export.h>
+#include <sys/stat.h>
 
 #include <cctype>
 #include <sstream>
@@ -60,10 +61,17 @@ std::map<std::string, std::string> defaults_for(int32_t config_type) {
   };
 }
 
+// Only a regular file is read: a FIFO would block the pass until someone
+// writes to it, and a device such as /dev/zero would never end.
+bool is_regular_file(const std::string& path) {
+  struct stat st {};
+  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
 int32_t import_file(ACE_Configuration_Heap& config, const std::string& path) {
   // A heap that could not be opened must never be looked into; reporting it
   // like an unreadable file sends every lookup to the defaults.
-  if (config.open(kSectionMapSize) != 0) {
+  if (config.open(kSectionMapSize) != 0 || !is_regular_file(path)) {
     return kImportFailed;
   }
   ACE_Ini_ImpExp importer(config);

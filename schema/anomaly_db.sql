@@ -35,7 +35,9 @@ CREATE TABLE IF NOT EXISTS DATA_TO_PROCESS (
   DESTINATION_STORAGE_NAME TEXT    NOT NULL,
   STREAM_NUMBER            INTEGER NOT NULL,
   ASSET_ID                 TEXT    NOT NULL,
-  UNIQUE_KEY               TEXT    NOT NULL,
+  -- A NUL byte would cut the key short wherever it is read as text, so
+  -- the job would be handled (and the history written) under another key.
+  UNIQUE_KEY               TEXT    NOT NULL CHECK (instr(CAST(UNIQUE_KEY AS BLOB), x'00') = 0),
   PROCESSED_STATUS         INTEGER NOT NULL DEFAULT 0
 );
 -- Every update and delete addresses a queued job by its key; a second row
@@ -46,30 +48,33 @@ CREATE UNIQUE INDEX IF NOT EXISTS DATA_TO_PROCESS_BY_KEY ON DATA_TO_PROCESS (UNI
 CREATE INDEX IF NOT EXISTS DATA_TO_PROCESS_BY_STATUS ON DATA_TO_PROCESS (PROCESSED_STATUS);
 
 -- History of valid observations, inserted positionally in this column order.
--- A second insert of the same job replaces the first.
+-- A second insert of the same job replaces the first. Only the key is
+-- required: the detector reads history through prepared statements, where a
+-- NULL cell reads as empty, and a job's NaN value is stored by SQLite as NULL
+-- (refusing it would leave the job to be retried for ever).
 CREATE TABLE IF NOT EXISTS HIST_DATA (
-  BACKUP_ID                TEXT    NOT NULL,
-  BACKUP_TIME              INTEGER NOT NULL,
-  CLIENT                   TEXT    NOT NULL,
-  POLICY                   TEXT    NOT NULL,
-  POLICY_TYPE              TEXT    NOT NULL,
-  SCHEDULE_TYPE            TEXT    NOT NULL,
-  SCHEDULE_NAME            TEXT    NOT NULL,
-  APP_TYPE                 TEXT    NOT NULL,
-  NUM_FILES                INTEGER NOT NULL,
-  IMAGE_SIZE               REAL    NOT NULL,
-  JOB_ID                   INTEGER NOT NULL,
-  PARENT_JOB_ID            INTEGER NOT NULL,
-  KB_TRANSFERRED           REAL    NOT NULL,
-  START_TIME               INTEGER NOT NULL,
-  END_TIME                 INTEGER NOT NULL,
-  TOTAL_TIME               INTEGER NOT NULL,
-  DEDUP_RATE               REAL    NOT NULL,
-  MODE                     INTEGER NOT NULL,
-  USER_IDENTIFIED_CLUSTER  INTEGER NOT NULL,
-  DESTINATION_STORAGE_NAME TEXT    NOT NULL,
-  STREAM_NUMBER            INTEGER NOT NULL,
-  ASSET_ID                 TEXT    NOT NULL,
+  BACKUP_ID                TEXT,
+  BACKUP_TIME              INTEGER,
+  CLIENT                   TEXT,
+  POLICY                   TEXT,
+  POLICY_TYPE              TEXT,
+  SCHEDULE_TYPE            TEXT,
+  SCHEDULE_NAME            TEXT,
+  APP_TYPE                 TEXT,
+  NUM_FILES                INTEGER,
+  IMAGE_SIZE               REAL,
+  JOB_ID                   INTEGER,
+  PARENT_JOB_ID            INTEGER,
+  KB_TRANSFERRED           REAL,
+  START_TIME               INTEGER,
+  END_TIME                 INTEGER,
+  TOTAL_TIME               INTEGER,
+  DEDUP_RATE               REAL,
+  MODE                     INTEGER,
+  USER_IDENTIFIED_CLUSTER  INTEGER,
+  DESTINATION_STORAGE_NAME TEXT,
+  STREAM_NUMBER            INTEGER,
+  ASSET_ID                 TEXT,
   UNIQUE_KEY               TEXT    NOT NULL UNIQUE
 );
 -- The storage-specific training set and the last-backup lookup: equality on
@@ -111,6 +116,21 @@ CREATE TABLE IF NOT EXISTS ANOMALY_DATA (
   CLIENT                   TEXT    NOT NULL,
   DETECTION_TIME           INTEGER NOT NULL
 );
+
+-- A job's outcome is written in one statement, never half: the insert that
+-- takes a job into the history also takes it out of the queue, and the
+-- insert that reports it also marks it processed. The detector still issues
+-- its own DELETE / UPDATE afterwards (then a no-op), but a crash or a lock
+-- between the two can no longer leave a job in the history and queued, to be
+-- judged a second time against a history that already holds it.
+CREATE TRIGGER IF NOT EXISTS HIST_DATA_TAKES_JOB_OFF_QUEUE AFTER INSERT ON HIST_DATA
+BEGIN
+  DELETE FROM DATA_TO_PROCESS WHERE UNIQUE_KEY = NEW.UNIQUE_KEY;
+END;
+CREATE TRIGGER IF NOT EXISTS ANOMALY_DATA_MARKS_JOB_PROCESSED AFTER INSERT ON ANOMALY_DATA
+BEGIN
+  UPDATE DATA_TO_PROCESS SET PROCESSED_STATUS = 1 WHERE UNIQUE_KEY = NEW.DETECTION_KEY;
+END;
 
 -- Operators' verdicts (FEEDBACK 1: reported as a false positive). Read whole
 -- with SELECT *, so no cell may be NULL; a consumed verdict is deleted.

@@ -2,6 +2,7 @@
 // detector issues against it: results, uniqueness rules and query plans.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 #include <variant>
 #include <vector>
@@ -323,4 +324,46 @@ TEST(DetectorSql, InsertTextsKeepTheirTrailingBlank) {
                "INSERT OR REPLACE INTO HIST_DATA  VALUES ( ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
                "?, ? ); ");
   EXPECT_STREQ(kInsertModelParams, "INSERT OR REPLACE INTO DBSCAN_MODEL_PARAMS  VALUES ( ?, ?, ?, ?, ?, ?, ?, ?, ?, ? ); ");
+}
+
+TEST_F(SchemaTest, QueueRefusesAKeyWithANulByte) {
+  Statement st(db.handle, "INSERT INTO DATA_TO_PROCESS (BACKUP_ID, BACKUP_TIME, CLIENT, POLICY, POLICY_TYPE, "
+                          "SCHEDULE_TYPE, SCHEDULE_NAME, APP_TYPE, NUM_FILES, IMAGE_SIZE, JOB_ID, PARENT_JOB_ID, "
+                          "KB_TRANSFERRED, START_TIME, END_TIME, TOTAL_TIME, DEDUP_RATE, DESTINATION_STORAGE_NAME, "
+                          "STREAM_NUMBER, ASSET_ID, UNIQUE_KEY) VALUES ('b', 1, 'c', 'p', 't', 's', 'n', 'a', 1, 1, "
+                          "1, 1, 1, 1, 1, 1, 1, 'stu', 0, 'vm', CAST(? AS TEXT))");
+  const char key[] = {'k', '1', '\0', 'x'};
+  sqlite3_bind_blob(st.get_compiled_statement(), 1, key, sizeof key, SQLITE_STATIC);
+  EXPECT_THROW(db.execute_query_prepared(st), sqlite_exception);
+  EXPECT_EQ(count("DATA_TO_PROCESS"), 0);
+  queue_job("k\xc3\xa9-multibyte", 1);  // ordinary UTF-8 keys are fine
+  EXPECT_EQ(count("DATA_TO_PROCESS"), 1);
+}
+
+TEST_F(SchemaTest, HistoryKeepsAJobWhoseFeatureIsNotANumber) {
+  // SQLite stores a NaN bound as a double as NULL.
+  auto binds = history_binds("k1", 100, 1);
+  binds[9] = std::nan("");
+  execute(kInsertHistory, binds);
+  Rows rows;
+  db.read_data("SELECT typeof(IMAGE_SIZE) AS t FROM HIST_DATA", rows);
+  EXPECT_TRUE(rows[0]["t"] == "null");
+}
+
+TEST_F(SchemaTest, HistoryInsertTakesTheJobOffTheQueueInTheSameStatement) {
+  queue_job("k1", 100);
+  queue_job("k2", 100);
+  execute(kInsertHistory, history_binds("k1", 100, 1));
+  Rows rows;
+  db.read_data("SELECT UNIQUE_KEY FROM DATA_TO_PROCESS", rows);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_TRUE(rows[0]["UNIQUE_KEY"] == "k2");
+}
+
+TEST_F(SchemaTest, AnomalyReportMarksTheJobProcessedInTheSameStatement) {
+  queue_job("k1", 100);
+  execute(kInsertAnomaly, {std::string("42_100"), std::string("{}"), 0, std::string("k1"), std::string("client1"), 5});
+  Rows rows;
+  db.read_data("SELECT PROCESSED_STATUS FROM DATA_TO_PROCESS", rows);
+  EXPECT_TRUE(rows[0]["PROCESSED_STATUS"] == "1");
 }
