@@ -4,9 +4,13 @@
 #   make test           build, then run every test with ctest
 #   make test-sanitize  the same tests under AddressSanitizer + UBSan, in build-sanitize/
 #   make bench          build and run the benchmarks
+#   make soak           2000 detection passes in one process (memory and
+#                       descriptors every 100 passes), then 20 under valgrind
 #   make install        install the programs, schema, configuration and unit
 #   make package        build the Debian package into build-package/
 #   make test-package   install, check, remove and purge that package (root)
+#   make fuzz           build the libFuzzer targets (clang) into build-fuzz/ and run
+#                       each for FUZZ_SECONDS (default 600); make fuzz-ci: 60 s each
 
 MAKEFLAGS     += --no-print-directory
 BUILD_DIR     ?= build
@@ -14,8 +18,10 @@ SANITIZE_DIR  ?= build-sanitize
 PACKAGE_DIR   ?= build-package
 BUILD_TYPE    ?= RelWithDebInfo
 JOBS          ?= $(shell nproc)
+FUZZ_DIR      ?= build-fuzz
+FUZZ_SECONDS  ?= 600
 
-.PHONY: deps build demo test test-sanitize bench install package test-package clean
+.PHONY: deps build demo test test-sanitize bench soak install package test-package fuzz fuzz-ci clean
 
 deps:
 	@scripts/install-deps
@@ -40,6 +46,9 @@ bench: build
 	$(BUILD_DIR)/bench/dbscan_bench
 	$(BUILD_DIR)/bench/calibrate_bench
 
+soak: build
+	tests/soak/run-soak $(BUILD_DIR)
+
 install: build
 	cmake --install $(BUILD_DIR)
 
@@ -51,5 +60,11 @@ package: deps
 test-package: package
 	tests/package/deb_install_test.sh $(PACKAGE_DIR)
 
+fuzz: deps
+	FUZZ_DIR=$(FUZZ_DIR) FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_JOBS=$(JOBS) fuzz/run-fuzzers
+
+fuzz-ci: deps
+	FUZZ_DIR=$(FUZZ_DIR) FUZZ_SECONDS=60 FUZZ_JOBS=$(JOBS) fuzz/run-fuzzers
+
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(PACKAGE_DIR)
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(PACKAGE_DIR) $(FUZZ_DIR)

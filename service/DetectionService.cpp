@@ -140,8 +140,55 @@ std::string detection_time_text(time_t now) {
   return text;
 }
 
+// Length of the valid UTF-8 sequence starting at text[i], or 0 when the
+// bytes there are not one (overlong forms, surrogates and code points past
+// U+10FFFF included).
+size_t utf8_sequence_length(const std::string& text, size_t i) {
+  const auto byte = [&](size_t k) { return k < text.size() ? static_cast<unsigned char>(text[k]) : 0u; };
+  const unsigned lead = byte(i);
+  const auto continuation = [&](size_t k, unsigned low = 0x80, unsigned high = 0xBF) {
+    return byte(k) >= low && byte(k) <= high;
+  };
+  if (lead < 0x80) return 1;
+  if (lead >= 0xC2 && lead <= 0xDF) return continuation(i + 1) ? 2 : 0;
+  if (lead >= 0xE0 && lead <= 0xEF) {
+    const unsigned low = lead == 0xE0 ? 0xA0 : 0x80;
+    const unsigned high = lead == 0xED ? 0x9F : 0xBF;
+    return continuation(i + 1, low, high) && continuation(i + 2) ? 3 : 0;
+  }
+  if (lead >= 0xF0 && lead <= 0xF4) {
+    const unsigned low = lead == 0xF0 ? 0x90 : 0x80;
+    const unsigned high = lead == 0xF4 ? 0x8F : 0xBF;
+    return continuation(i + 1, low, high) && continuation(i + 2) && continuation(i + 3) ? 4 : 0;
+  }
+  return 0;
+}
+
+// JSON text must be UTF-8; a name written in another encoding (Latin-1 from
+// an old client, say) keeps its readable part and shows U+FFFD for each byte
+// that is not UTF-8, rather than vanishing from the payload.
+std::string as_utf8(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    const size_t length = utf8_sequence_length(text, i);
+    if (length == 0) {
+      out += "\xEF\xBF\xBD";
+      ++i;
+    } else {
+      out.append(text, i, length);
+      i += length;
+    }
+  }
+  return out;
+}
+
 void set_string(json_t* object, const char* key, const std::string& value) {
-  json_object_set_new(object, key, json_string(value.c_str()));
+  json_t* text = json_string(value.c_str());
+  if (text == nullptr) {
+    text = json_string(as_utf8(value).c_str());
+  }
+  json_object_set_new(object, key, text);
 }
 
 // One anomalous attribute of the payload: its member, its summary name and
