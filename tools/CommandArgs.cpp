@@ -6,7 +6,7 @@
 #include <iostream>
 #include <sstream>
 
-CommandArgs::CommandArgs(int argc, char** argv, const Spec& spec) {
+CommandArgs::CommandArgs(int argc, char** argv, const Grammar& grammar) {
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
@@ -24,9 +24,9 @@ CommandArgs::CommandArgs(int argc, char** argv, const Spec& spec) {
       arg = arg.substr(0, eq);
       has_inline_value = true;
     }
-    if (spec.flags.count(arg) != 0 && !has_inline_value) {
+    if (grammar.flags.count(arg) != 0 && !has_inline_value) {
       flags_.insert(arg);
-    } else if (spec.valued.count(arg) != 0) {
+    } else if (grammar.valued.count(arg) != 0) {
       if (has_inline_value) {
         values_[arg] = inline_value;
       } else if (i + 1 < argc) {
@@ -38,10 +38,10 @@ CommandArgs::CommandArgs(int argc, char** argv, const Spec& spec) {
       fail("unknown option " + arg);
     }
   }
-  if (positional_.size() < spec.min_positional) {
+  if (positional_.size() < grammar.min_positional) {
     fail("missing argument");
-  } else if (positional_.size() > spec.max_positional) {
-    fail("unexpected argument '" + positional_[spec.max_positional] + "'");
+  } else if (positional_.size() > grammar.max_positional) {
+    fail("unexpected argument '" + positional_[grammar.max_positional] + "'");
   }
 }
 

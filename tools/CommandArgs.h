@@ -12,7 +12,7 @@
 
 class CommandArgs {
  public:
-  struct Spec {
+  struct Grammar {
     std::set<std::string> flags;        // e.g. "--json", "--force"
     std::set<std::string> valued;       // e.g. "--client", "-o"
     std::size_t min_positional = 0;
@@ -20,7 +20,7 @@ class CommandArgs {
   };
 
   // argv[0] is the command's name. "--help" / "-h" anywhere sets help().
-  CommandArgs(int argc, char** argv, const Spec& spec);
+  CommandArgs(int argc, char** argv, const Grammar& grammar);
 
   bool ok() const { return error_.empty(); }
   const std::string& error() const { return error_; }
