@@ -3,7 +3,9 @@
 #   make build          configure and build into build/
 #   make test           build, then run every test with ctest
 #   make test-sanitize  the same tests under AddressSanitizer + UBSan, in build-sanitize/
-#   make bench          build and run the benchmarks
+#   make bench          build and run the benchmarks: the clusterer, calibration,
+#                       and a whole detection pass against its SQL floor
+#                       (PASS_BENCH_ARGS, e.g. "--runs 9 --only medium")
 #   make soak           2000 detection passes in one process (memory and
 #                       descriptors every 100 passes), then 20 under valgrind
 #   make install        install the programs, schema, configuration and unit
@@ -45,6 +47,7 @@ test-sanitize: deps
 bench: build
 	$(BUILD_DIR)/bench/dbscan_bench
 	$(BUILD_DIR)/bench/calibrate_bench
+	$(BUILD_DIR)/bench/pass_bench $(PASS_BENCH_ARGS)
 
 soak: build
 	tests/soak/run-soak $(BUILD_DIR)

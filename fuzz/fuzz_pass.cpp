@@ -342,9 +342,11 @@ void check_after_pass(DBAccess& db, const Before& before, const std::set<std::st
     for (const char* c = summary; *c != '\0'; ++c) names += *c == ',';
     FUZZ_CHECK(std::to_string(names) == count, "payload of %s: count %s for summary '%s'", id.c_str(), count, summary);
     FUZZ_CHECK(names > 0, "job reported as an anomaly without any anomalous attribute: %s", id.c_str());
-    if (fuzz_support::is_utf8(id)) {
-      const char* own = json_string_value(json_object_get(attributes, "anomalyId"));
-      FUZZ_CHECK(own != nullptr && id == own, "payload of %s carries another id", id.c_str());
+    const char* own = json_string_value(json_object_get(attributes, "anomalyId"));
+    FUZZ_CHECK(own != nullptr, "payload of %s has no anomalyId", id.c_str());
+    FUZZ_CHECK(!fuzz_support::is_utf8(id) || id == own, "payload of %s carries another id", id.c_str());
+    for (const char* name : {"clientName", "policyName", "policyType", "scheduleName", "storageName"}) {
+      FUZZ_CHECK(json_is_string(json_object_get(attributes, name)), "payload of %s has no %s", id.c_str(), name);
     }
     json_decref(root);
     if (pass_number == 1) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,12 +44,6 @@ constexpr const char* kNames[][2] = {{"CLIENT", "clientName"},
                                      {"SCHEDULE_NAME", "scheduleName"},
                                      {"DESTINATION_STORAGE_NAME", "storageName"}};
 
-// Invalid UTF-8 names are dropped from the payload today (json_string
-// refuses them); tests/badinput pins that as a defect. Until it is fixed the
-// name members are checked for UTF-8 names only, so that the fuzzer keeps
-// looking for other defects.
-constexpr bool kInvalidUtf8NamesMayBeMissing = true;
-
 DetectionService& service() {
   static std::unique_ptr<DetectionService> instance = [] {
     const std::string folder = fuzz_support::scratch_folder("fuzz-payload");
@@ -73,10 +68,12 @@ std::string cell_text(FuzzedDataProvider& in) {
   return fuzz_support::c_string_part(in.ConsumeRandomLengthString(64));
 }
 
-std::string member(json_t* object, const char* key) {
+// A string member; std::nullopt when the object lacks it.
+std::optional<std::string> member(json_t* object, const char* key) {
   json_t* value = json_object_get(object, key);
   FUZZ_CHECK(value == nullptr || json_is_string(value), "member %s is not a string", key);
-  return value == nullptr ? "<missing>" : json_string_value(value);
+  if (value == nullptr) return std::nullopt;
+  return std::string(json_string_value(value));
 }
 
 }  // namespace
@@ -111,7 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(root != nullptr && json_is_object(root), "payload is not a JSON object: %s", error.text);
   FUZZ_CHECK(member(root, "DetectionType") == "dbscan", "DetectionType");
   FUZZ_CHECK(member(root, "SizeUnit") == "MB", "SizeUnit");
-  const std::string when = member(root, "DetectionTime");
+  const std::string when = member(root, "DetectionTime").value_or("");
   FUZZ_CHECK(when.size() > 4 && when.compare(when.size() - 4, 4, ".66Z") == 0, "DetectionTime '%s'", when.c_str());
   json_t* attributes = json_object_get(root, "Attributes");
   FUZZ_CHECK(json_is_object(attributes), "Attributes is not an object");
@@ -121,16 +118,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int expected_job_id = job_id_cell == record.end() ? 0 : static_cast<int>(job_id_cell->second);
   FUZZ_CHECK(json_is_integer(jobid) && json_integer_value(jobid) == expected_job_id, "jobid");
 
+  // Every name is present whatever its bytes; a UTF-8 name exactly as given
+  // (JSON strings are UTF-8, so other bytes cannot travel unchanged).
   for (const auto& [column, name] : kNames) {
     const auto found = record.find(column);
     const std::string expected = found == record.end() ? std::string() : found->second.text();
-    if (is_utf8(expected) || !kInvalidUtf8NamesMayBeMissing) {
-      FUZZ_CHECK(member(attributes, name) == expected, "%s is '%s', not '%s'", name, member(attributes, name).c_str(),
-                 expected.c_str());
+    const std::optional<std::string> got = member(attributes, name);
+    FUZZ_CHECK(got.has_value(), "%s is missing for '%s'", name, expected.c_str());
+    if (is_utf8(expected)) {
+      FUZZ_CHECK(*got == expected, "%s is '%s', not '%s'", name, got->c_str(), expected.c_str());
     }
   }
-  if (is_utf8(anomaly_id) || !kInvalidUtf8NamesMayBeMissing) {
-    FUZZ_CHECK(member(attributes, "anomalyId") == anomaly_id, "anomalyId");
+  const std::optional<std::string> own_id = member(attributes, "anomalyId");
+  FUZZ_CHECK(own_id.has_value(), "anomalyId is missing");
+  if (is_utf8(anomaly_id)) {
+    FUZZ_CHECK(*own_id == anomaly_id, "anomalyId");
   }
   FUZZ_CHECK(member(attributes, "anomalyFeedback") == "Report as false positive", "anomalyFeedback");
 
@@ -139,8 +141,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   int shown = 0;
   for (const Attribute& attribute : kAttributes) {
     const bool show = stats.count(attribute.feature) != 0 && (!attribute.full_feature_set_only || full_feature_set == 1);
-    const std::string text = member(attributes, attribute.member);
-    FUZZ_CHECK(show == (text != "<missing>"), "%s shown %d", attribute.member, show);
+    const std::optional<std::string> shown_text = member(attributes, attribute.member);
+    FUZZ_CHECK(show == shown_text.has_value(), "%s shown %d", attribute.member, show);
+    const std::string text = shown_text.value_or("");
     if (show) {
       summary += std::string(summary.empty() ? "" : ",") + attribute.summary_name;
       ++shown;
@@ -149,11 +152,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   FUZZ_CHECK(member(attributes, "summary") == summary, "summary '%s', expected '%s'",
-             member(attributes, "summary").c_str(), summary.c_str());
+             member(attributes, "summary").value_or("<missing>").c_str(), summary.c_str());
   FUZZ_CHECK(member(attributes, "count") == std::to_string(shown), "count");
   char score[512];
   std::snprintf(score, sizeof score, "%.2f", closest.distance);
-  FUZZ_CHECK(member(attributes, "score") == score, "score '%s', expected '%s'", member(attributes, "score").c_str(),
+  FUZZ_CHECK(member(attributes, "score") == score, "score '%s', expected '%s'", member(attributes, "score").value_or("<missing>").c_str(),
              score);
   json_decref(root);
   return 0;

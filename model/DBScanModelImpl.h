@@ -22,12 +22,15 @@ struct Observations {
 // One object serves one Run. Row ids are 1-based (row id 1 is data[0]);
 // labels and get_closest_cluster_for_observation use 0-based indices.
 //
-// Distances are cached in one contiguous n x n buffer and computed lazily,
-// each pair at most once: a row of the cache is filled in full the first time
-// that row's neighbourhood is needed, taking the pairs already known from the
-// rows filled before it. Rows not yet needed cost no memory traffic, so a run
-// that stops after row 1 touches a single row. Seen through
-// get_cached_distance, a pair not yet computed and the diagonal read -1.0.
+// Distances are computed lazily: a row's distances to every row are computed
+// the first time that row's neighbourhood is needed, so a run that stops
+// after row 1 computes a single row. Nothing n x n is kept for a run: a row
+// needed again is computed again, bit for bit the same, and a run's memory
+// grows with n only. Seen through get_cached_distance, a pair reads -1.0
+// until one of its two rows has been computed, and the diagonal always
+// does; a pair reads the same from either of its rows. Pairs computed from
+// rows that GetNeighborsForRow is later given in another version keep their
+// earlier distances.
 //
 // A second Run on the same object starts from scratch: it drops the previous
 // cache and the previous run's cluster_labels, so it behaves exactly like a
@@ -84,6 +87,9 @@ class DBScan {
   bool must_stop(const std::vector<int>& labels) const;
 
   double eps;
+  // A row is a neighbour when its squared distance is below this, which is
+  // the same as its distance being below eps.
+  double neighbour_square_limit;
   int min_samples;
   int run_mode;
   std::unique_ptr<DistanceMatrix> distance_matrix;

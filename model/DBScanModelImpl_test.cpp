@@ -594,3 +594,58 @@ TEST(DBScanProperty, ClosestClusterMatchesBruteForce) {
 }
 
 }  // namespace
+
+namespace {
+
+Matrix grid_rows(int n, double step) {
+  Matrix rows;
+  for (int i = 0; i < n; ++i) rows.push_back({step * (i % 7), step * (i / 7), (i % 3) * 0.25});
+  return rows;
+}
+
+}  // namespace
+
+// One object run again and again yields what fresh objects yield, and each
+// pair it reports is either not computed yet or exactly the distance.
+TEST(DBScan, RunsOfOneObjectYieldWhatFreshRunsYield) {
+  const std::vector<Matrix> sets = {grid_rows(300, 0.4), grid_rows(40, 0.7), grid_rows(120, 0.3), grid_rows(300, 1.1)};
+  for (const int mode : {1, 2}) {
+    DBScan reused(0.75, 4, mode);
+    for (std::size_t s = 0; s < sets.size(); ++s) {
+      SCOPED_TRACE("set " + std::to_string(s) + ", mode " + std::to_string(mode));
+      std::vector<int> labels;
+      reused.Run(make_obs(sets[s]), labels);
+      EXPECT_EQ(labels, run(0.75, 4, mode, sets[s]));
+      const Matrix dist = all_distances(sets[s]);
+      const int n = static_cast<int>(sets[s].size());
+      // Row 0 is always filled; other pairs are either not computed or exact.
+      for (int j = 1; j < n; ++j) ASSERT_EQ(reused.get_cached_distance(0, j), dist[0][j]);
+      for (int i = 0; i < n; ++i) {
+        for (int j = 0; j < n; ++j) {
+          const double cached = reused.get_cached_distance(i, j);
+          if (i == j || cached != -1.0) {
+            ASSERT_EQ(cached, i == j ? -1.0 : dist[i][j]);
+          }
+        }
+      }
+    }
+  }
+}
+
+// A pair cached from earlier rows keeps its distance when GetNeighborsForRow
+// is given other rows of the same count; only pairs not cached yet come from
+// the new rows.
+TEST(DBScan, CachedPairsOutliveTheRowsTheyWereComputedFrom) {
+  DBScan model(1.5, 2, 1);
+  const auto neighbours = [&model](const Matrix& rows, int row_id) {
+    std::queue<int> q;
+    model.GetNeighborsForRow(make_obs(rows), row_id, q);
+    return drain(q);
+  };
+  EXPECT_EQ(neighbours({{0.0}, {1.0}, {2.0}}, 1), (std::vector<int>{1, 2}));
+  EXPECT_EQ(neighbours({{0.0}, {5.0}, {0.5}}, 2), (std::vector<int>{2, 1}));  // 1-2 still 1.0; 2-3 newly 4.5
+  EXPECT_EQ(model.get_cached_distance(1, 0), 1.0);
+  EXPECT_EQ(model.get_cached_distance(1, 2), 4.5);
+  EXPECT_EQ(neighbours({{0.0}, {5.0}, {0.5}}, 3), (std::vector<int>{3}));  // 1-3 cached as 2.0, 2-3 as 4.5
+  EXPECT_EQ(model.get_cached_distance(2, 0), 2.0);
+}

@@ -295,3 +295,52 @@ TEST(EpsCalibrator, AgreesWithRepeatedRunsForEveryMinSamplesUpToPastTheRowCount)
 }
 
 }  // namespace
+
+namespace {
+
+// Standardised rows of one gaussian blob.
+Matrix dense_blob(std::uint32_t seed, int n, int width) {
+  std::mt19937 rng(seed);
+  std::normal_distribution<double> noise(0.0, 1.0);
+  Matrix rows(n, std::vector<double>(width));
+  for (auto& row : rows)
+    for (double& x : row) x = noise(rng);
+  StandardizeData().standardize(rows);
+  return rows;
+}
+
+}  // namespace
+
+// Large training sets are mostly settled at the first grid value from a few
+// distances per row; the answer must still be the exact one.
+TEST(EpsCalibrator, LargeDenseSetsAgreeWithRepeatedRuns) {
+  for (const int width : {1, 2, 5}) {
+    SCOPED_TRACE("width " + std::to_string(width));
+    EXPECT_EQ(bits(calibrate_both_ways(make_obs(dense_blob(4242u + width, 1500, width)), 3)), bits(2.5));
+  }
+}
+
+// A pair far from the rest, exactly the first grid value apart, with a third
+// row beyond: its core radius is 2.5, not below it, so the first grid value
+// leaves it noise.
+TEST(EpsCalibrator, RowWhoseCoreRadiusIsTheFirstGridValueIsNotSettledEarly) {
+  Matrix rows = dense_blob(7u, 600, 2);
+  rows.push_back({100.0, 0.0});
+  rows.push_back({102.5, 0.0});
+  rows.push_back({105.0, 0.0});
+  const double eps = calibrate_both_ways(make_obs(rows), 3);
+  EXPECT_EQ(grid_index(eps), 1);
+}
+
+// Rows on a line whose feature sums are all equal: the order by sum says
+// nothing about nearness, so the exact radii decide.
+TEST(EpsCalibrator, RowsWithEqualFeatureSumsAgreeWithRepeatedRuns) {
+  Matrix rows;
+  for (int i = 0; i < 300; ++i) {
+    const double t = 0.05 * ((i * 37) % 300);
+    rows.push_back({t, -t});
+  }
+  EXPECT_EQ(bits(calibrate_both_ways(make_obs(rows), 3)), bits(2.5));
+  rows.push_back({40.0, -40.0});
+  EXPECT_EQ(bits(calibrate_both_ways(make_obs(rows), 3)), bits(kGrid[15]));
+}

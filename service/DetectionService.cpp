@@ -3,6 +3,7 @@
 #include <jansson.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cmath>
 #include <cstdint>
@@ -22,11 +23,13 @@
 #include "schema/DetectorSql.h"
 #include "service/PassScheduler.h"
 #include "service/StopSignal.h"
+#include "service/TrainingRecords.h"
 #include "storage/Statement.h"
 #include "util/Directory.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::sqlite_exception;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::StatementCache;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
 
 namespace {
@@ -94,6 +97,35 @@ void capture_feature_if_not_disabled(const std::set<std::string>& disabled, cons
                                      const DetectionService::Row& record, std::vector<double>& row) {
   if (disabled.count(toLower(feature)) == 0) {
     row.push_back(static_cast<double>(cell(record, feature)));
+  }
+}
+
+// Which of the five features (in matrix column order) a training row
+// contributes: NUM_FILES and IMAGE_SIZE, the other three only with the full
+// feature set, and none whose lower-case name is disabled.
+using FeatureColumns = std::array<bool, TrainingRecords::kFeatureCount>;
+
+FeatureColumns feature_columns(int full_feature_set, const std::set<std::string>& disabled) {
+  FeatureColumns columns{};
+  for (int f = 0; f < TrainingRecords::kFeatureCount; ++f) {
+    const bool in_set = f <= TrainingRecords::kImageSize || full_feature_set == 1;
+    columns[f] = in_set && disabled.count(toLower(TrainingRecords::kFeatureNames[f])) == 0;
+  }
+  return columns;
+}
+
+// Appends one feature row per training record.
+void append_feature_rows(const TrainingRecords& records, const FeatureColumns& columns,
+                         DetectionService::Matrix& matrix) {
+  std::size_t width = 0;
+  for (const bool taken : columns) width += taken ? 1 : 0;
+  matrix.reserve(matrix.size() + records.size());
+  for (std::size_t r = 0; r < records.size(); ++r) {
+    std::vector<double>& row = matrix.emplace_back();
+    row.reserve(width);
+    for (int f = 0; f < TrainingRecords::kFeatureCount; ++f) {
+      if (columns[f]) row.push_back(records.feature(r, f));
+    }
   }
 }
 
@@ -240,16 +272,23 @@ int DetectionService::min_samples_as_int() const { return truncate_to_int(min_sa
 
 int32_t DetectionService::now_as_int() const { return wrap_to_int32(static_cast<int64_t>(now())); }
 
+Statement DetectionService::statement(const char* sql) {
+  if (pass_statements != nullptr) {
+    return Statement(*pass_statements, sql);
+  }
+  return Statement(db->handle, sql);
+}
+
 void DetectionService::get_data_for_detection(Rows& rows) { db->read_data(detector_sql::kSelectPendingJobs, rows); }
 
 void DetectionService::update_processed_status(const std::string& unique_key) {
-  Statement st(db->handle, detector_sql::kMarkJobProcessed);
+  Statement st = statement(detector_sql::kMarkJobProcessed);
   st.bind(1, unique_key);
   db->execute_query_prepared(st);
 }
 
 bool DetectionService::check_stream_num_data_available(const Row& job) {
-  Statement st(db->handle, detector_sql::kCountHistoryOfStream);
+  Statement st = statement(detector_sql::kCountHistoryOfStream);
   const int next = bind_texts(st, history_key(job));
   st.bind(next, static_cast<int>(cell(job, "STREAM_NUMBER")));
   Rows rows;
@@ -261,7 +300,7 @@ int DetectionService::get_adj_min_observations_required(const Row& job, int min_
   const std::string asset = cell(job, "ASSET_ID");
   Rows history;
   {
-    Statement st(db->handle, detector_sql::kCountHistoryAnyStorage);
+    Statement st = statement(detector_sql::kCountHistoryAnyStorage);
     bind_texts(st, plus(history_key(job), {asset}));
     db->read_data_prepared(st, history);
   }
@@ -273,7 +312,7 @@ int DetectionService::get_adj_min_observations_required(const Row& job, int min_
     return min_observations;
   }
   Rows streams;
-  Statement st(db->handle, detector_sql::kSelectMaxStreamNumber);
+  Statement st = statement(detector_sql::kSelectMaxStreamNumber);
   bind_texts(st, history_key(job));
   db->read_data_prepared(st, streams);
   if (streams.empty()) {
@@ -285,42 +324,41 @@ int DetectionService::get_adj_min_observations_required(const Row& job, int min_
 }
 
 bool DetectionService::get_training_set_records(const Row& job, Rows& records, int min_required, int limit) {
+  return fetch_training_set(job, records, min_required, limit);
+}
+
+template <typename Records>
+bool DetectionService::fetch_training_set(const Row& job, Records& records, int min_required, int limit) {
   {
-    Statement st(db->handle, detector_sql::kSelectTrainingSet);
+    Statement st = statement(detector_sql::kSelectTrainingSet);
     int next = bind_texts(st, plus(history_key(job), {cell(job, "DESTINATION_STORAGE_NAME"), cell(job, "ASSET_ID")}));
     st.bind(next++, 1);  // MODE
     st.bind(next, limit);
-    db->read_data_prepared(st, records);
+    read_training_records(st, records);
   }
   // A negative minimum widens to a huge size and so never passes.
   if (records.size() >= static_cast<std::size_t>(min_required)) {
     return true;
   }
   records.clear();
-  Statement st(db->handle, detector_sql::kSelectFallbackTrainingSet);
+  Statement st = statement(detector_sql::kSelectFallbackTrainingSet);
   const int next = bind_texts(st, plus(history_key(job), {cell(job, "ASSET_ID")}));
   st.bind(next, limit);
-  db->read_data_prepared(st, records);
+  read_training_records(st, records);
   return false;
 }
 
+void DetectionService::read_training_records(Statement& st, Rows& records) { db->read_data_prepared(st, records); }
+
+void DetectionService::read_training_records(Statement& st, TrainingRecords& records) { records.read(*db, st); }
+
 void DetectionService::get_data_in_matrix_format(const Rows& records, Matrix& matrix, int full_feature_set,
                                                  const std::set<std::string>& disabled) {
-  for (const Row& record : records) {
-    std::vector<double> features;
-    capture_feature_if_not_disabled(disabled, "NUM_FILES", record, features);
-    capture_feature_if_not_disabled(disabled, "IMAGE_SIZE", record, features);
-    if (full_feature_set == 1) {
-      capture_feature_if_not_disabled(disabled, "KB_TRANSFERRED", record, features);
-      capture_feature_if_not_disabled(disabled, "TOTAL_TIME", record, features);
-      capture_feature_if_not_disabled(disabled, "DEDUP_RATE", record, features);
-    }
-    matrix.push_back(std::move(features));
-  }
+  append_feature_rows(TrainingRecords::of(records), feature_columns(full_feature_set, disabled), matrix);
 }
 
 void DetectionService::get_dbscan_params(const Row& job, Rows& params) {
-  Statement st(db->handle, detector_sql::kSelectModelParams);
+  Statement st = statement(detector_sql::kSelectModelParams);
   bind_texts(st, model_key(job));
   db->read_data_prepared(st, params);
 }
@@ -336,8 +374,12 @@ bool DetectionService::is_calibration_required(const Row& job) {
 }
 
 void DetectionService::calibrate(const Row& job, const Rows& training_records, int full_feature_set) {
+  calibrate_on(job, TrainingRecords::of(training_records), full_feature_set);
+}
+
+void DetectionService::calibrate_on(const Row& job, const TrainingRecords& training, int full_feature_set) {
   Matrix matrix;
-  get_data_in_matrix_format(training_records, matrix, full_feature_set, {});
+  append_feature_rows(training, feature_columns(full_feature_set, {}), matrix);
   if (matrix.empty()) {
     throw std::invalid_argument("calibration needs at least one training record");
   }
@@ -353,7 +395,7 @@ void DetectionService::calibrate(const Row& job, const Rows& training_records, i
           key[0].c_str(), key[1].c_str(), key[2].c_str(), key[4].c_str());
   logmsgf(2, kCategory, "EPS value = %f", calibrated);
 
-  Statement st(db->handle, detector_sql::kInsertModelParams);
+  Statement st = statement(detector_sql::kInsertModelParams);
   const int next = bind_texts(st, {key.begin(), key.begin() + 6});
   st.bind(next, calibrated);
   st.bind(next + 1, now_as_int());
@@ -362,7 +404,7 @@ void DetectionService::calibrate(const Row& job, const Rows& training_records, i
 }
 
 void DetectionService::mark_for_re_calibration(const Row& job) {
-  Statement st(db->handle, detector_sql::kDeleteModelParams);
+  Statement st = statement(detector_sql::kDeleteModelParams);
   bind_texts(st, model_key(job));
   db->execute_query_prepared(st);
 }
@@ -373,7 +415,7 @@ void DetectionService::update_valid_observation(const Row& record) {
   const auto real = [&](const char* column) { return static_cast<double>(cell(record, column)); };
   const std::string unique_key = text("UNIQUE_KEY");
   {
-    Statement st(db->handle, detector_sql::kInsertHistory);
+    Statement st = statement(detector_sql::kInsertHistory);
     int i = bind_texts(st, texts_of(record, {"BACKUP_ID"}));
     st.bind(i++, integer("BACKUP_TIME"));
     i = bind_texts(st, texts_of(record, {"CLIENT", "POLICY", "POLICY_TYPE", "SCHEDULE_TYPE", "SCHEDULE_NAME", "APP_TYPE"}), i);
@@ -394,7 +436,7 @@ void DetectionService::update_valid_observation(const Row& record) {
     st.bind(i, unique_key);
     db->execute_query_prepared(st);
   }
-  Statement st(db->handle, detector_sql::kDeletePendingJob);
+  Statement st = statement(detector_sql::kDeletePendingJob);
   st.bind(1, unique_key);
   db->execute_query_prepared(st);
 }
@@ -402,7 +444,7 @@ void DetectionService::update_valid_observation(const Row& record) {
 int DetectionService::get_last_backup_for_anomaly_detected_backup(const Row& record, int full_feature_set) {
   const std::vector<std::string> names = texts_of(record, {"CLIENT", "POLICY"});
   const std::string storage = full_feature_set == 1 ? std::string(cell(record, "DESTINATION_STORAGE_NAME")) : kNoStorage;
-  Statement st(db->handle, detector_sql::kSelectLastBackupTime);
+  Statement st = statement(detector_sql::kSelectLastBackupTime);
   bind_texts(st, plus(history_key(record), {storage, cell(record, "ASSET_ID")}));
   Rows rows;
   try {
@@ -418,8 +460,13 @@ int DetectionService::get_last_backup_for_anomaly_detected_backup(const Row& rec
 int DetectionService::check_anomaly_with_user_identified_cluster(const Row&, const Rows& training_rows,
                                                                  const Matrix& matrix, double eps_value,
                                                                  DBScan& model) {
-  for (std::size_t i = 0; i < training_rows.size(); ++i) {
-    if (static_cast<int>(cell(training_rows[i], "USER_IDENTIFIED_CLUSTER")) == -1) {
+  return match_user_identified_cluster(TrainingRecords::of(training_rows), matrix, eps_value, model);
+}
+
+int DetectionService::match_user_identified_cluster(const TrainingRecords& training, const Matrix& matrix,
+                                                    double eps_value, DBScan& model) {
+  for (std::size_t i = 0; i < training.size(); ++i) {
+    if (training.user_verdict(i) == -1) {
       continue;
     }
     const double d = model.GetEuclideanDistance(matrix.at(0), matrix.at(i + 1));
@@ -436,21 +483,29 @@ int DetectionService::check_anomaly_with_user_identified_cluster(const Row&, con
 void DetectionService::get_observations_in_cluster(const ClosestClusterInfo& closest, const Rows& training_rows,
                                                    const std::vector<int>& labels, int full_feature_set,
                                                    FeatureValues& values) {
-  const std::vector<const char*> features =
-      full_feature_set == 1
-          ? std::vector<const char*>{"NUM_FILES", "IMAGE_SIZE", "KB_TRANSFERRED", "TOTAL_TIME", "DEDUP_RATE"}
-          : std::vector<const char*>{"NUM_FILES", "IMAGE_SIZE"};
-  for (const char* feature : features) {
-    values[feature].clear();
+  collect_observations_in_cluster(closest, TrainingRecords::of(training_rows), labels, full_feature_set, values);
+}
+
+void DetectionService::collect_observations_in_cluster(const ClosestClusterInfo& closest,
+                                                       const TrainingRecords& training,
+                                                       const std::vector<int>& labels, int full_feature_set,
+                                                       FeatureValues& values) {
+  // NUM_FILES and IMAGE_SIZE, and with the full feature set the other three.
+  const int features = full_feature_set == 1 ? TrainingRecords::kFeatureCount : TrainingRecords::kImageSize + 1;
+  std::vector<std::vector<double>*> columns;
+  for (int f = 0; f < features; ++f) {
+    std::vector<double>& column = values[TrainingRecords::kFeatureNames[f]];
+    column.clear();
+    columns.push_back(&column);
   }
   // Label k belongs to training row k - 1; label 0 is the job itself, which
   // matches only when no cluster exists at all and has no training row.
-  for (std::size_t k = 1; k < labels.size() && k - 1 < training_rows.size(); ++k) {
+  for (std::size_t k = 1; k < labels.size() && k - 1 < training.size(); ++k) {
     if (labels[k] != closest.cluster_id) {
       continue;
     }
-    for (const char* feature : features) {
-      values[feature].push_back(static_cast<double>(cell(training_rows[k - 1], feature)));
+    for (int f = 0; f < features; ++f) {
+      columns[static_cast<std::size_t>(f)]->push_back(training.feature(k - 1, f));
     }
   }
 }
@@ -469,8 +524,14 @@ std::pair<double, double> DetectionService::get_min_max_per_feature_statistics(c
 void DetectionService::get_anomaly_stat(const Row& record, const ClosestClusterInfo& closest,
                                         const Rows& training_rows, const std::vector<int>& labels,
                                         int full_feature_set, AnomalyStats& stats) {
+  collect_anomaly_stat(record, closest, TrainingRecords::of(training_rows), labels, full_feature_set, stats);
+}
+
+void DetectionService::collect_anomaly_stat(const Row& record, const ClosestClusterInfo& closest,
+                                            const TrainingRecords& training, const std::vector<int>& labels,
+                                            int full_feature_set, AnomalyStats& stats) {
   FeatureValues members;
-  get_observations_in_cluster(closest, training_rows, labels, full_feature_set, members);
+  collect_observations_in_cluster(closest, training, labels, full_feature_set, members);
   for (const std::string& feature : feature_list) {
     const double value = cell(record, feature);
     const auto [lo, hi] = get_min_max_per_feature_statistics(members, feature);
@@ -533,13 +594,18 @@ std::string DetectionService::get_json_payload_for_anomaly(const Row& record, co
 
 void DetectionService::report_anomaly(const Row& record, const ClosestClusterInfo& closest, const Rows&,
                                       const std::vector<int>&, int full_feature_set, const AnomalyStats& stats) {
+  store_anomaly(record, closest, full_feature_set, stats);
+}
+
+void DetectionService::store_anomaly(const Row& record, const ClosestClusterInfo& closest, int full_feature_set,
+                                     const AnomalyStats& stats) {
   const int backup_time = cell(record, "BACKUP_TIME");
   const std::vector<std::string> texts = texts_of(record, {"JOB_ID", "UNIQUE_KEY", "CLIENT"});
   const int32_t detection_time = now_as_int();
   const std::string anomaly_id = texts[0] + "_" + std::to_string(backup_time);
   const std::string payload = get_json_payload_for_anomaly(record, stats, full_feature_set, anomaly_id, closest);
 
-  Statement st(db->handle, detector_sql::kInsertAnomaly);
+  Statement st = statement(detector_sql::kInsertAnomaly);
   st.bind(1, anomaly_id);
   st.bind(2, payload);
   st.bind(3, 0);  // ANOMALY_STATE of a new report
@@ -635,6 +701,14 @@ void DetectionService::do_detection() {
   }
   logmsgf(2, kCategory, "Completed getting data for detection.");
 
+  // Every job runs the same few texts: they are compiled once for the jobs
+  // of the pass (see StatementCache).
+  StatementCache statements(db->handle);
+  pass_statements = &statements;
+  struct Lending {
+    StatementCache*& lent;
+    ~Lending() { lent = nullptr; }
+  } const lending{pass_statements};
   for (const Row& job : pending) {
     // A stop finishes the job in hand; the rest stay pending for the next start.
     if (StopSignal::requested()) {
@@ -724,8 +798,8 @@ void DetectionService::judge_pending_job(const Row& pending, const PassSettings&
 
   logmsgf(2, kCategory, "Getting training set for detection client - %s, policy - %s and job - %d.", client.c_str(),
           policy.c_str(), job_id);
-  Rows training;
-  const int full_feature_set = get_training_set_records(row, training, min_required, training_limit) ? 1 : 0;
+  TrainingRecords training;
+  const int full_feature_set = fetch_training_set(row, training, min_required, training_limit) ? 1 : 0;
   if (training.size() < static_cast<std::size_t>(min_required)) {
     accept_as_valid(row);
     logmsgf(2, kCategory, "Not enough data for training for client - %s , policy - %s. ", client.c_str(),
@@ -738,7 +812,7 @@ void DetectionService::judge_pending_job(const Row& pending, const PassSettings&
   logmsgf(2, kCategory, "Completed getting training data set for detection.");
 
   if (is_calibration_required(row)) {
-    calibrate(row, training, full_feature_set);
+    calibrate_on(row, training, full_feature_set);
   }
 
   logmsgf(2, kCategory, "Preparing input data for detection.");
@@ -756,8 +830,10 @@ void DetectionService::judge_pending_job(const Row& pending, const PassSettings&
     logmsgf(2, kCategory, "All features are disabled for policy type = %s. Detection aborted.", policy_type.c_str());
     return;
   }
-  Matrix matrix{observation};
-  get_data_in_matrix_format(training, matrix, full_feature_set, disabled);
+  Matrix matrix;
+  matrix.reserve(training.size() + 1);
+  matrix.push_back(observation);
+  append_feature_rows(training, feature_columns(full_feature_set, disabled), matrix);
   logmsgf(2, kCategory, "Completed preparing input data for detection.");
 
   try {
@@ -771,17 +847,20 @@ void DetectionService::judge_pending_job(const Row& pending, const PassSettings&
 
 // Standardise, cluster and decide; every failure in here is the job's own
 // and is caught by the caller without ending the pass.
-void DetectionService::judge_observation(Row& row, const Rows& training, Matrix& matrix,
+void DetectionService::judge_observation(Row& row, const TrainingRecords& training, Matrix& input,
                                          const std::vector<double>& observation, int full_feature_set,
                                          const PassSettings& settings) {
   const int job_id = cell(row, "JOB_ID");
-  const int num_features = static_cast<int>(matrix[0].size());
-  const int num_rows = static_cast<int>(matrix.size());
+  const int num_features = static_cast<int>(input[0].size());
+  const int num_rows = static_cast<int>(input.size());
 
   logmsgf(2, kCategory, "Calling StandardizeData.");
-  StandardizeData().standardize(matrix);
+  StandardizeData().standardize(input);
   logmsgf(2, kCategory, "Completed StandardizeData activity.");
-  const Observations observations{matrix, num_features, num_rows};
+  // The clusterer's rows are the standardised matrix itself, which is read
+  // (never changed) from here on.
+  const Observations observations{std::move(input), num_features, num_rows};
+  const Matrix& matrix = observations.data;
 
   Rows params;
   get_dbscan_params(row, params);
@@ -823,7 +902,7 @@ void DetectionService::judge_observation(Row& row, const Rows& training, Matrix&
     return;
   }
 
-  if (check_anomaly_with_user_identified_cluster(row, training, matrix, adjusted_eps, dbscan) == 0) {
+  if (match_user_identified_cluster(training, matrix, adjusted_eps, dbscan) == 0) {
     logmsgf(2, kCategory, "Valid record considered based on user feedback.");
     accept_as_valid(row);
     return;
@@ -831,9 +910,9 @@ void DetectionService::judge_observation(Row& row, const Rows& training, Matrix&
 
   const ClosestClusterInfo closest = dbscan.get_closest_cluster_for_observation(0);
   FeatureValues members;
-  get_observations_in_cluster(closest, training, labels, full_feature_set, members);
+  collect_observations_in_cluster(closest, training, labels, full_feature_set, members);
   AnomalyStats stats;
-  get_anomaly_stat(row, closest, training, labels, full_feature_set, stats);
+  collect_anomaly_stat(row, closest, training, labels, full_feature_set, stats);
 
   if (stats.empty()) {
     try {
@@ -854,7 +933,7 @@ void DetectionService::judge_observation(Row& row, const Rows& training, Matrix&
   logmsgf(2, kCategory, "Anomaly detected for job %d", job_id);
   logmsgf(2, kCategory, "Closest cluster for this anomaly %d", closest.cluster_id);
   logmsgf(2, kCategory, "Closest cluster distance for this anomaly %f", closest.distance);
-  report_anomaly(row, closest, training, labels, full_feature_set, stats);
+  store_anomaly(row, closest, full_feature_set, stats);
   update_processed_status(unique_key);
 }
 
@@ -878,7 +957,7 @@ void DetectionService::accomodate_user_feedback_received() {
     const std::string anomaly_id = cell(verdict, "ANOMALY_UNIQUE_ID");
     Rows anomalies;
     {
-      Statement st(db->handle, detector_sql::kSelectDetectionKey);
+      Statement st = statement(detector_sql::kSelectDetectionKey);
       st.bind(1, anomaly_id);
       db->read_data_prepared(st, anomalies);
     }
@@ -887,7 +966,7 @@ void DetectionService::accomodate_user_feedback_received() {
     }
     Rows jobs;
     {
-      Statement st(db->handle, detector_sql::kSelectJobByKey);
+      Statement st = statement(detector_sql::kSelectJobByKey);
       st.bind(1, std::string(anomalies[0]["DETECTION_KEY"]));
       db->read_data_prepared(st, jobs);
     }
@@ -903,7 +982,7 @@ void DetectionService::accomodate_user_feedback_received() {
             "& app_type = %s",
             names[0].c_str(), names[1].c_str(), names[2].c_str(), names[3].c_str(), names[4].c_str());
     update_valid_observation(record);
-    Statement st(db->handle, detector_sql::kDeleteFeedback);
+    Statement st = statement(detector_sql::kDeleteFeedback);
     st.bind(1, anomaly_id);
     db->execute_query_prepared(st);
   }

@@ -18,6 +18,7 @@
 #include "storage/DBAccess.h"
 
 class DBScan;
+class TrainingRecords;
 
 class DetectionService {
  public:
@@ -108,12 +109,35 @@ class DetectionService {
   void set_busy_timeout(int milliseconds) { db->set_busy_timeout(milliseconds); }
 
  private:
+  using Statement = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
+  using StatementCache = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::StatementCache;
   struct PassSettings;
+
+  // A statement for one of the detector's texts: during a pass's jobs
+  // borrowed from the pass's statement cache, otherwise compiled for this
+  // use alone.
+  Statement statement(const char* sql);
 
   PassSettings read_settings() const;
   void judge_pending_job(const Row& pending, const PassSettings& settings);
-  void judge_observation(Row& row, const Rows& training, Matrix& matrix, const std::vector<double>& observation,
-                         int full_feature_set, const PassSettings& settings);
+  void judge_observation(Row& row, const TrainingRecords& training, Matrix& matrix,
+                         const std::vector<double>& observation, int full_feature_set, const PassSettings& settings);
+
+  // What the members above taking Rows do, on the training set as the pass
+  // holds it (those members convert their Rows and call these).
+  template <typename Records>
+  bool fetch_training_set(const Row& job, Records& records, int min_required, int limit);
+  void read_training_records(Statement& st, Rows& records);
+  void read_training_records(Statement& st, TrainingRecords& records);
+  void calibrate_on(const Row& job, const TrainingRecords& training, int full_feature_set);
+  int match_user_identified_cluster(const TrainingRecords& training, const Matrix& matrix, double eps,
+                                    DBScan& model);
+  void collect_observations_in_cluster(const ClosestClusterInfo& closest, const TrainingRecords& training,
+                                       const std::vector<int>& labels, int full_feature_set, FeatureValues& values);
+  void collect_anomaly_stat(const Row& record, const ClosestClusterInfo& closest, const TrainingRecords& training,
+                            const std::vector<int>& labels, int full_feature_set, AnomalyStats& stats);
+  void store_anomaly(const Row& record, const ClosestClusterInfo& closest, int full_feature_set,
+                     const AnomalyStats& stats);
   void accept_as_valid(const Row& row);
   void log_model_data(const std::vector<int>& labels, const Matrix& matrix,
                       const std::vector<double>& observation) const;
@@ -126,6 +150,8 @@ class DetectionService {
   std::string database_file_name;
   std::string config_file;
   std::unique_ptr<DBAccess> db;
+  // Set while a pass judges its jobs.
+  StatementCache* pass_statements = nullptr;
   double eps;
   double min_samples;
   std::vector<std::string> feature_list;

@@ -8,11 +8,10 @@
 #include <string>
 
 #include "storage/Exception.h"
+#include "storage/RecordCursor.h"
 #include "storage/Value.h"
 
 namespace Corvane::Tessaryn::UsageReporting::SQLiteDatabase {
-
-class Statement;
 
 class DBAccess {
  public:
@@ -41,6 +40,20 @@ class DBAccess {
   void execute_query_prepared(Statement& st);
   // Runs st and appends every record it yields to rows.
   void read_data_prepared(Statement& st, Rows& rows);
+  // Runs st exactly as read_data_prepared does and hands each record that
+  // it would append, in the same order, to visit(const RecordCursor&) while
+  // the cursor stands on it: for readers that need a few cells of many
+  // records and no Row per record.
+  template <typename Visit>
+  void visit_records_prepared(Statement& st, Visit&& visit) {
+    RecordCursor cursor(st);
+    if (cursor.has_record()) {
+      visit(static_cast<const RecordCursor&>(cursor));
+    }
+    while (cursor.advance()) {
+      visit(static_cast<const RecordCursor&>(cursor));
+    }
+  }
 
   sqlite3* handle = nullptr;
 

@@ -269,3 +269,43 @@ TEST_F(DBAccessTest, BusyTimeoutGivesUpAfterItsTime) {
   }
   holder.rollback_transaction();
 }
+
+// The records visit_records_prepared hands out are those read_data_prepared
+// appends: same order, same cells (NULL as ""), the later of two cells of
+// one name, and no second step after the last record.
+TEST_F(DBAccessTest, VisitingRecordsSeesWhatReadingRowsAppends) {
+  DBAccess db(path, kServiceFlags);
+  db.execute_query("CREATE TABLE t(a INTEGER, b TEXT, c REAL); INSERT INTO t VALUES (1, 'x', 0.5), (2, NULL, 2.0);");
+  const std::string sql = "SELECT a, b, c, a + 10 AS b FROM t ORDER BY a";
+  Rows expected;
+  {
+    Statement st(db.handle, sql);
+    db.read_data_prepared(st, expected);
+  }
+  Rows visited;
+  {
+    Statement st(db.handle, sql);
+    db.visit_records_prepared(st, [&visited](const RecordCursor& record) {
+      Row row;
+      for (int i = 0; i < record.cell_count(); ++i) row[record.column_name(i)] = Value(std::string(record.text(i)));
+      visited.push_back(row);
+    });
+  }
+  EXPECT_EQ(visited, expected);
+  ASSERT_EQ(visited.size(), 2u);
+  EXPECT_TRUE(visited[1]["b"] == "12");
+}
+
+TEST_F(DBAccessTest, VisitingRecordsFailsAsReadingRowsFails) {
+  DBAccess db(path, kServiceFlags);
+  db.execute_query("CREATE TABLE t(a INTEGER UNIQUE); INSERT INTO t VALUES (1);");
+  Statement st(db.handle, "INSERT INTO t VALUES (1)");
+  int visits = 0;
+  try {
+    db.visit_records_prepared(st, [&visits](const RecordCursor&) { ++visits; });
+    FAIL() << "expected an exception";
+  } catch (const sqlite_exception& e) {
+    EXPECT_STREQ(e.what(), "sqlite query execution failed.");
+  }
+  EXPECT_EQ(visits, 0);
+}

@@ -2,15 +2,8 @@
 
 namespace Corvane::Tessaryn::UsageReporting::SQLiteDatabase {
 
-QueryResult::QueryResult(Statement& st) : statement(st.get_compiled_statement()) {
-  if (statement == nullptr) {
-    throw sqlite_exception("Invalid statement object received.");
-  }
-  last_status = sqlite3_step(statement);
-  if (last_status == SQLITE_ERROR) {
-    throw sqlite_exception("sqlite query execution failed.");
-  }
-  has_pending_record = (last_status == SQLITE_ROW);
+QueryResult::QueryResult(Statement& st) : cursor(st) {
+  has_pending_record = cursor.has_record();
   if (has_pending_record) {
     read_current_step_into(current_record);
   }
@@ -22,11 +15,7 @@ bool QueryResult::get_next_record(Row& out) {
     out = std::move(current_record);
     return true;
   }
-  if (last_status == SQLITE_DONE) {
-    return false;
-  }
-  last_status = sqlite3_step(statement);
-  if (last_status != SQLITE_ROW) {
+  if (!cursor.advance()) {
     return false;
   }
   read_current_step_into(out);
@@ -34,10 +23,9 @@ bool QueryResult::get_next_record(Row& out) {
 }
 
 void QueryResult::read_current_step_into(Row& out) const {
-  const int count = sqlite3_data_count(statement);
+  const int count = cursor.cell_count();
   for (int i = 0; i < count; ++i) {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, i));
-    out[sqlite3_column_name(statement, i)] = Value(std::string(text != nullptr ? text : ""));
+    out[cursor.column_name(i)] = Value(std::string(cursor.text(i)));
   }
 }
 

@@ -7,6 +7,7 @@
 #include <sqlite3.h>
 
 #include "storage/Exception.h"
+#include "storage/RecordCursor.h"
 #include "storage/Statement.h"
 #include "storage/Value.h"
 
@@ -22,14 +23,13 @@ class QueryResult {
   // the execution has no more records. Columns are assigned into out, so a
   // repeated column name keeps the last cell.
   bool get_next_record(Row& out);
-  int get_last_status() const { return last_status; }
+  int get_last_status() const { return cursor.get_last_status(); }
 
  private:
   void read_current_step_into(Row& out) const;
 
-  sqlite3_stmt* statement;
+  RecordCursor cursor;
   Row current_record;
-  int last_status = SQLITE_OK;
   bool has_pending_record = false;
 };
 

@@ -27,6 +27,16 @@ class Value {
 
   const std::string& text() const { return text_; }
 
+  // The conversions of a cell's text, for readers that hold the text
+  // without a Value: to_int gives what operator int gives, to_double what
+  // operator double gives, for every text, bit for bit. The second
+  // to_double is for readers of many cells, who look up the locale's
+  // decimal point (which strtod reads) once with decimal_point().
+  static int to_int(const char* text);
+  static double to_double(const char* text);
+  static double to_double(const char* text, char decimal_point);
+  static char decimal_point();
+
  private:
   std::string text_;
 };

@@ -3,7 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <random>
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
@@ -121,4 +126,44 @@ TEST(Row, ColumnsAreOrderedByteWise) {
   std::string order;
   for (const auto& [name, value] : row) order += name;
   EXPECT_EQ(order, "Bab");
+}
+
+// The conversions a reader of raw cell texts uses must give what a Value's
+// conversions have always given: strtod and strtol, bit for bit.
+TEST(Value, TextConversionsEqualStrtodAndStrtolBitForBit) {
+  const char* const texts[] = {
+      "", "-", "0", "-0", "-0.0", "0.0", "00012", "12.7", "141675384.0", "8.07", "-3.25e-5", "1e22", "1e23",
+      "123456789012345", "1234567890123456", "9007199254740993", "0.1", "0.30000000000000004", "2.5kb", " 42",
+      "+1", "1.", ".5", "1e", "1e+", "1E+05", "0x1A", "inf", "-Infinity", "nan", "1e400", "-1e400", "1e-400",
+      "4.9406564584124654e-324", "2.2250738585072011e-308", "1.7976931348623157e308", "99999999999999999999",
+      "-99999999999999999999999", "4294967296", "2147483648", "-2147483649", "0.000000000000000000001234"};
+  for (const char* text : texts) {
+    const double expected = std::strtod(text, nullptr);
+    const double converted = Value::to_double(text);
+    EXPECT_EQ(std::memcmp(&expected, &converted, sizeof expected), 0) << text;
+    EXPECT_EQ(Value::to_int(text), static_cast<int>(std::strtol(text, nullptr, 10))) << text;
+    const double through_value = static_cast<double>(Value(std::string(text)));
+    EXPECT_EQ(std::memcmp(&expected, &through_value, sizeof expected), 0) << text;
+  }
+}
+
+TEST(Value, DoubleConversionEqualsStrtodOnNumbersAsSqliteWritesThem) {
+  std::mt19937_64 random(20241121u);
+  for (int i = 0; i < 200000; ++i) {
+    double d = 0.0;
+    const std::uint64_t bits = random();
+    std::memcpy(&d, &bits, sizeof d);
+    if (!std::isfinite(d)) continue;
+    if (i % 2 == 0) d = std::ldexp(static_cast<double>(random() % 1000000000), static_cast<int>(random() % 60) - 30);
+    char text[64];
+    std::snprintf(text, sizeof text, i % 3 == 0 ? "%.15g" : (i % 3 == 1 ? "%.17g" : "%.1f"), d);
+    const double expected = std::strtod(text, nullptr);
+    const double converted = Value::to_double(text);
+    ASSERT_EQ(std::memcmp(&expected, &converted, sizeof expected), 0) << text;
+  }
+}
+
+TEST(Value, DecimalPointIsTheLocalesWhichStrtodReads) {
+  EXPECT_EQ(Value::decimal_point(), '.');  // the program never leaves the "C" locale
+  EXPECT_EQ(Value::to_double("2.5", Value::decimal_point()), 2.5);
 }
