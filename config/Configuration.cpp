@@ -3,9 +3,10 @@
 #include <ace/Configuration_Import_Export.h>
 #include <sys/stat.h>
 
-#include <cctype>
 #include <sstream>
 #include <utility>
+
+#include "util/Text.h"
 
 namespace {
 
@@ -14,15 +15,6 @@ constexpr size_t kSectionMapSize = 16;
 // makes lookups ignore the heap, a partial import is still used.
 constexpr int32_t kImportFailed = -1;
 constexpr char kListSeparator = ',';
-
-std::string toLower(const std::string& s) {
-  std::string lowered(s);
-  for (char& c : lowered) {
-    // tolower is only defined for values of unsigned char (and EOF).
-    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  }
-  return lowered;
-}
 
 // Items go in exactly as written between separators, so "a, b" keeps the
 // blank before b and "a,,b" yields an empty item; getline stops at the end
@@ -37,7 +29,7 @@ void split(std::set<std::string>& out, const std::string& s, char separator) {
 
 // List items are compared with lower-cased names, so they are stored that way.
 void add_lowered_items(std::set<std::string>& out, const std::string& value) {
-  split(out, toLower(value), kListSeparator);
+  split(out, text::to_lower(value), kListSeparator);
 }
 
 std::string to_string(const ACE_TString& s) { return std::string(s.c_str(), s.length()); }
@@ -119,7 +111,7 @@ void Configuration::get_config_dynamic_keys_multiple_values(
     }
     std::set<std::string> items;
     add_lowered_items(items, to_string(value));
-    entries[toLower(to_string(name))] = std::move(items);
+    entries[text::to_lower(to_string(name))] = std::move(items);
   }
 }
 

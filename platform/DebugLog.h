@@ -8,6 +8,12 @@
 #include <cstddef>
 #include <string>
 
+// The levels the detector logs at: progress and ordinary outcomes, the
+// re-calibration warning, errors. They appear in the line as <2>, <4>, <16>.
+inline constexpr int kLogProgress = 2;
+inline constexpr int kLogWarning = 4;
+inline constexpr int kLogError = 16;
+
 // Opens (creating the folder when missing) the debug log and makes it the
 // target of logmsgf. Returns the file descriptor; on failure returns -1 and
 // sets *status negative. *status is left alone on success.

@@ -161,9 +161,28 @@ TEST_F(DebugLogTest, LongMessagesAreWrittenWhole) {
 }
 
 TEST_F(DebugLogTest, LoggingGoesOnWhenTheFolderIsRemoved) {
-  open_log();
-  logmsgf(2, "c", "before");
+  const int fd = open_log();
+  ASSERT_GE(fd, 0);
+  logmsgf(kLogProgress, "c", "before");
   ASSERT_EQ(unlink(log_file().c_str()), 0);
   ASSERT_EQ(rmdir(dir.file("tsanomalydetect").c_str()), 0);
-  EXPECT_NO_FATAL_FAILURE(logmsgf(2, "c", "after"));
+  logmsgf(kLogProgress, "c", "after");
+  // The open descriptor still reaches the removed file: later lines go on
+  // being written there, whole, after the earlier ones.
+  const auto lines = lines_of(TempDir::read("/proc/self/fd/" + std::to_string(fd)));
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find("<2> c: before"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find("<2> c: after"), std::string::npos) << lines[1];
+}
+
+TEST_F(DebugLogTest, NamedLevelsAreTheNumbersTheLinesCarry) {
+  open_log();
+  logmsgf(kLogProgress, "c", "p");
+  logmsgf(kLogWarning, "c", "w");
+  logmsgf(kLogError, "c", "e");
+  const auto lines = lines_of(TempDir::read(log_file()));
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_NE(lines[0].find("] <2> c: p"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find("] <4> c: w"), std::string::npos) << lines[1];
+  EXPECT_NE(lines[2].find("] <16> c: e"), std::string::npos) << lines[2];
 }

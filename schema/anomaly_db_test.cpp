@@ -104,7 +104,17 @@ TEST_F(SchemaTest, DatabaseIsInWriteAheadLogMode) {
 }
 
 TEST_F(SchemaTest, LoadingTwiceIsHarmless) {
+  db.execute_query(
+      "INSERT INTO HIST_DATA (UNIQUE_KEY) VALUES ('kept');"
+      "INSERT INTO ANOMALY_DATA_FEEDBACK VALUES ('42_1000', 1);");
   EXPECT_NO_THROW(db.execute_query(anomaly_schema::anomaly_db_sql()));
+  Rows rows;
+  db.read_data("SELECT (SELECT group_concat(UNIQUE_KEY) FROM HIST_DATA) AS history, "
+               "(SELECT COUNT(*) FROM ANOMALY_DATA_FEEDBACK) AS verdicts",
+               rows);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_TRUE(rows[0]["history"] == "kept");
+  EXPECT_TRUE(rows[0]["verdicts"] == "1");
 }
 
 TEST_F(SchemaTest, TablesHaveTheirColumnsInPositionalOrder) {

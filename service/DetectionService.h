@@ -2,8 +2,19 @@
 // whole life and, pass after pass, judges every pending backup job against
 // the history of like jobs: accepted jobs move into HIST_DATA, anomalies are
 // reported into ANOMALY_DATA. Storage failures surface as sqlite_exception.
+//
+// The operations are spread over one source unit per concern:
+//   DetectionService.cpp  construction, the run loop, statements
+//   DetectionPass.cpp     do_detection and the steps of one job up to its matrix
+//   OutlierJudgement.cpp  clustering, and the rules and report for an outlier
+//   JobOutcomes.cpp       the queue, the history writes, users' verdicts
+//   TrainingSet.cpp       training-set selection and the feature matrix
+//   Calibration.cpp       the per-workload eps
+//   ValidationRules.cpp   the look-ups behind the rules that save an outlier
+//   AnomalyReport.cpp     cluster statistics and the anomaly report
 #pragma once
 
+#include <cstdint>
 #include <ctime>
 #include <functional>
 #include <map>
@@ -17,8 +28,12 @@
 #include "service/AnomalyStat.h"
 #include "storage/DBAccess.h"
 
+// The log category of every line the detection service writes.
+inline constexpr const char* kDetectionLogCategory = "dbscan_detection";
+
 class DBScan;
 class TrainingRecords;
+struct PassSettings;
 
 class DetectionService {
  public:
@@ -27,7 +42,7 @@ class DetectionService {
   using DBAccess = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
   using Matrix = std::vector<std::vector<double>>;
   using FeatureValues = std::map<std::string, std::vector<double>>;
-  using AnomalyStats = std::map<std::string, anomaly_stat>;
+  using AnomalyStats = ::AnomalyStats;
   using Clock = std::function<time_t()>;
   using Sleep = std::function<void(unsigned seconds)>;
 
@@ -50,55 +65,75 @@ class DetectionService {
   // One pass: fold in user feedback, re-read the configuration, judge every
   // pending job. Only failures to build or read the configuration escape.
   void do_detection();
+
+  // The queue, the history and users' verdicts.
+  // The pending queue, in the order the database returns it.
+  void get_data_for_detection(Rows& rows);
+  void update_processed_status(const std::string& unique_key);
+  // Moves the job into HIST_DATA (MODE 1) and out of the queue.
+  void update_valid_observation(const Row& record);
   // Moves every job the operators reported as a false positive into the
   // history as user-confirmed, and consumes the verdict.
   void accomodate_user_feedback_received();
 
-  // The pending queue, in the order the database returns it.
-  void get_data_for_detection(Rows& rows);
-  void update_processed_status(const std::string& unique_key);
-
-  // Training-set selection.
+  // Training-set selection. The operations that take a training set accept
+  // it as Rows, or as the TrainingRecords the pass reads it into; both give
+  // the same result.
   bool check_stream_num_data_available(const Row& job);
   // The minimum training size, scaled by the stream count for multi-stream
   // jobs (asset "NA"); -1 when the workload has no history at all.
   int get_adj_min_observations_required(const Row& job, int min_observations, int& stream_count);
-  // Fills records newest first; true when the storage-specific five-feature
-  // set held at least min_required records, false when the two-feature
-  // fallback across storages was taken instead.
-  bool get_training_set_records(const Row& job, Rows& records, int min_required, int limit);
+  // Fills records (Rows or TrainingRecords) newest first; true when the
+  // storage-specific five-feature set held at least min_required records,
+  // false when the two-feature fallback across storages was taken instead.
+  template <typename Records>
+  bool get_training_set_records(const Row& job, Records& records, int min_required, int limit);
   // Appends one feature row per record: NUM_FILES, IMAGE_SIZE and, for the
   // full feature set, KB_TRANSFERRED, TOTAL_TIME, DEDUP_RATE; lower-case
   // names in disabled are left out.
+  void get_data_in_matrix_format(const TrainingRecords& records, Matrix& matrix, int full_feature_set,
+                                 const std::set<std::string>& disabled) const;
   void get_data_in_matrix_format(const Rows& records, Matrix& matrix, int full_feature_set,
-                                 const std::set<std::string>& disabled);
+                                 const std::set<std::string>& disabled) const;
 
   // Model calibration: one eps per workload in DBSCAN_MODEL_PARAMS.
   void get_dbscan_params(const Row& job, Rows& params);
   bool is_calibration_required(const Row& job);
+  // Stores the smallest grid eps at which the training set has no noise.
+  void calibrate(const Row& job, const TrainingRecords& training_records, int full_feature_set);
   void calibrate(const Row& job, const Rows& training_records, int full_feature_set);
+  // The eps calibrate would store for this training set, without storing it.
+  double calibrated_eps(const TrainingRecords& training_records, int full_feature_set) const;
   void mark_for_re_calibration(const Row& job);
 
-  // Validation look-ups and the accepted outcome.
-  void update_valid_observation(const Row& record);
+  // Validation look-ups.
   int get_last_backup_for_anomaly_detected_backup(const Row& record, int full_feature_set);
   // 0 when a user-confirmed training row lies within eps (inclusive) of the
   // job (matrix row 0), 1 when the job stays an anomaly.
-  int check_anomaly_with_user_identified_cluster(const Row& record, const Rows& training_rows,
+  int check_anomaly_with_user_identified_cluster(const Row& record, const TrainingRecords& training_rows,
                                                  const Matrix& matrix, double eps, DBScan& model);
+  int check_anomaly_with_user_identified_cluster(const Row& record, const Rows& training_rows, const Matrix& matrix,
+                                                 double eps, DBScan& model);
 
   // Cluster statistics for an anomaly.
+  void get_observations_in_cluster(const ClosestClusterInfo& closest, const TrainingRecords& training_rows,
+                                   const std::vector<int>& labels, int full_feature_set, FeatureValues& values);
   void get_observations_in_cluster(const ClosestClusterInfo& closest, const Rows& training_rows,
                                    const std::vector<int>& labels, int full_feature_set, FeatureValues& values);
   std::pair<double, double> get_min_max_per_feature_statistics(const FeatureValues& values,
                                                                const std::string& feature);
+  void get_anomaly_stat(const Row& record, const ClosestClusterInfo& closest, const TrainingRecords& training_rows,
+                        const std::vector<int>& labels, int full_feature_set, AnomalyStats& stats);
   void get_anomaly_stat(const Row& record, const ClosestClusterInfo& closest, const Rows& training_rows,
                         const std::vector<int>& labels, int full_feature_set, AnomalyStats& stats);
 
   // The anomaly report.
   std::string get_json_payload_for_anomaly(const Row& record, const AnomalyStats& stats, int full_feature_set,
                                            const std::string& anomaly_id, const ClosestClusterInfo& closest);
-  void report_anomaly(const Row& record, const ClosestClusterInfo& closest, const Rows& training_rows,
+  // The training set and labels are part of the operation's contract but
+  // not of the report: any training set type will do.
+  template <typename Records>
+  void report_anomaly(const Row& record, const ClosestClusterInfo& closest, const Records& training_rows,
                       const std::vector<int>& labels, int full_feature_set, const AnomalyStats& stats);
 
   const std::vector<std::string>& get_feature_list() const { return feature_list; }
@@ -111,36 +146,32 @@ class DetectionService {
  private:
   using Statement = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
   using StatementCache = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::StatementCache;
-  struct PassSettings;
+  struct Job;  // one pending job on its way through the pass (DetectionPass.cpp)
 
   // A statement for one of the detector's texts: during a pass's jobs
   // borrowed from the pass's statement cache, otherwise compiled for this
   // use alone.
   Statement statement(const char* sql);
 
-  PassSettings read_settings() const;
+  // The steps of one job, in pass order; each that returns bool returns
+  // true when it decided the job's outcome.
   void judge_pending_job(const Row& pending, const PassSettings& settings);
-  void judge_observation(Row& row, const TrainingRecords& training, Matrix& matrix,
-                         const std::vector<double>& observation, int full_feature_set, const PassSettings& settings);
-
-  // What the members above taking Rows do, on the training set as the pass
-  // holds it (those members convert their Rows and call these).
-  template <typename Records>
-  bool fetch_training_set(const Row& job, Records& records, int min_required, int limit);
-  void read_training_records(Statement& st, Rows& records);
-  void read_training_records(Statement& st, TrainingRecords& records);
-  void calibrate_on(const Row& job, const TrainingRecords& training, int full_feature_set);
-  int match_user_identified_cluster(const TrainingRecords& training, const Matrix& matrix, double eps,
-                                    DBScan& model);
-  void collect_observations_in_cluster(const ClosestClusterInfo& closest, const TrainingRecords& training,
-                                       const std::vector<int>& labels, int full_feature_set, FeatureValues& values);
-  void collect_anomaly_stat(const Row& record, const ClosestClusterInfo& closest, const TrainingRecords& training,
-                            const std::vector<int>& labels, int full_feature_set, AnomalyStats& stats);
-  void store_anomaly(const Row& record, const ClosestClusterInfo& closest, int full_feature_set,
-                     const AnomalyStats& stats);
-  void accept_as_valid(const Row& row);
+  bool accept_if_excluded(Job& job, const PassSettings& settings);
+  bool accept_if_stream_lacks_history(Job& job);
+  bool select_training_set(Job& job, const PassSettings& settings);
+  bool capture_current_observation(Job& job, const PassSettings& settings);
+  void judge_observation(Job& job, const PassSettings& settings);
+  double detection_eps(const Row& row, const PassSettings& settings);
+  bool accept_if_a_rule_explains(Job& job, const PassSettings& settings, const Matrix& matrix, double adjusted_eps,
+                                 DBScan& dbscan);
+  void accept_or_report_by_cluster_range(Job& job, const std::vector<int>& labels, DBScan& dbscan);
+  void request_re_calibration(Job& job);
   void log_model_data(const std::vector<int>& labels, const Matrix& matrix,
                       const std::vector<double>& observation) const;
+
+  void accept_as_valid(const Row& row);
+  void read_training_records(Statement& st, Rows& records);
+  void read_training_records(Statement& st, TrainingRecords& records);
 
   void init_feature_list();
   int min_samples_as_int() const;

@@ -2,9 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "model/DBScanModelImpl.h"
-#include "model/StandardizeData.h"
-#include "service/ServiceTestFixture.h"
+#include "tests/support/ServiceTestFixture.h"
 
 namespace {
 
@@ -156,29 +154,26 @@ TEST_F(CalibrationTest, CalibrationUsesEveryFeatureOfTheChosenSet) {
 }
 
 TEST_F(CalibrationTest, StoredEpsEqualsTheOneTheTriesFind) {
-  // Rows spread along one feature so that the search stops inside the grid.
-  std::vector<std::vector<double>> features;
-  for (int i = 0; i < 12; ++i) features.push_back({static_cast<double>(i * i), 5, 5, 5, 5});
+  // Worked out by hand; the other columns are constant and standardise to 0.
+  // Four rows at 0 and one at 1: mean 0.2, deviation 0.4, so the outlier
+  // lies exactly 2.5 standard units from the others. At eps 2.5 it is no
+  // neighbour (the test is strict) and stays noise; at 2.5 + 0.1 it is.
+  std::vector<std::vector<double>> features(4, {0, 5, 5, 5, 5});
+  features.push_back({1, 5, 5, 5, 5});
   service->calibrate(job("k"), training(features), 1);
+  EXPECT_EQ(query("SELECT EPS = 2.6000000000000001 AS same FROM DBSCAN_MODEL_PARAMS")[0]["same"], 1);
 
-  DetectionService::Matrix matrix;
-  service->get_data_in_matrix_format(training(features), matrix, 1, {});
-  StandardizeData().standardize(matrix);
-  Observations obs{matrix, 5, static_cast<int>(matrix.size())};
-  double eps = 2.5;
-  for (int t = 0; t < 15; ++t, eps += 0.1) {
-    DBScan model(eps, 3, 1);
-    std::vector<int> labels;
-    model.Run(obs, labels);
-    if (std::count(labels.begin(), labels.end(), -1) == 0) break;
-  }
-  char expected[64];
-  std::snprintf(expected, sizeof expected, "%.17g", eps);
-  EXPECT_EQ(stored_eps(), expected);
+  // Nine rows at 0 and one at 3: mean 0.3, deviation 0.9, a gap of 10/3.
+  // Tries 2.5 .. 3.3 leave the outlier alone; the ninth, 3.4 (as repeated
+  // additions of 0.1 make it), is the first beyond the gap.
+  features.assign(9, {0, 5, 5, 5, 5});
+  features.push_back({3, 5, 5, 5, 5});
+  service->calibrate(job("k"), training(features), 1);
+  EXPECT_EQ(query("SELECT EPS = 3.4000000000000008 AS same FROM DBSCAN_MODEL_PARAMS")[0]["same"], 1);
 }
 
 TEST_F(CalibrationTest, EmptyTrainingSetIsRejectedWithoutWriting) {
-  EXPECT_THROW(service->calibrate(job("k"), {}, 1), std::invalid_argument);
+  EXPECT_THROW(service->calibrate(job("k"), Rows{}, 1), std::invalid_argument);
   EXPECT_EQ(count("DBSCAN_MODEL_PARAMS"), 0);
 }
 

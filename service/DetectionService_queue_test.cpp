@@ -4,7 +4,7 @@
 #include <thread>
 
 #include "schema/DetectorSql.h"
-#include "service/ServiceTestFixture.h"
+#include "tests/support/ServiceTestFixture.h"
 
 using QueueTest = ServiceTestFixture;
 

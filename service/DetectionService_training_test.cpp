@@ -1,6 +1,6 @@
 // Training-set selection: required sizes, the stream check, the two training
 // queries and the feature matrix.
-#include "service/ServiceTestFixture.h"
+#include "tests/support/ServiceTestFixture.h"
 
 namespace {
 
@@ -211,7 +211,7 @@ TEST_F(TrainingTest, EveryFeatureDisabledStillAppendsAnEmptyRow) {
 
 TEST_F(TrainingTest, NoRecordsLeaveTheMatrixUnchanged) {
   DetectionService::Matrix matrix{{1.0, 2.0}};
-  service->get_data_in_matrix_format({}, matrix, 1, {});
+  service->get_data_in_matrix_format(Rows{}, matrix, 1, {});
   EXPECT_EQ(matrix, (DetectionService::Matrix{{1.0, 2.0}}));
 }
 

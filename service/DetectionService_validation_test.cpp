@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "model/DBScanModelImpl.h"
-#include "service/ServiceTestFixture.h"
+#include "tests/support/ServiceTestFixture.h"
 
 namespace {
 
@@ -133,7 +133,7 @@ TEST_F(ValidationTest, PrepareFailureOfTheLastBackupLookupPropagates) {
 }
 
 TEST_F(ValidationTest, EmptyTrainingSetKeepsTheAnomaly) {
-  EXPECT_EQ(service->check_anomaly_with_user_identified_cluster(job("k"), {}, {{0.0}}, 1.0, model), 1);
+  EXPECT_EQ(service->check_anomaly_with_user_identified_cluster(job("k"), Rows{}, {{0.0}}, 1.0, model), 1);
 }
 
 TEST_F(ValidationTest, RowsWithoutAUserVerdictAreSkipped) {

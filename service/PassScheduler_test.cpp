@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "service/ServiceTestFixture.h"
+#include "tests/support/ServiceTestFixture.h"
 #include "service/StopSignal.h"
 
 namespace {

@@ -74,7 +74,7 @@ bool ServiceOptions::open_log() const {
 
 void ServiceOptions::log_configuration_file() const {
   if (has_config_file) {
-    logmsgf(2, kProgramName, "Using configuration file %s", config_file.c_str());
+    logmsgf(kLogProgress, kProgramName, "Using configuration file %s", config_file.c_str());
   }
 }
 

@@ -7,12 +7,12 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
 
 namespace {
 
-constexpr int kUserVerdictSlot = TrainingRecords::kFeatureCount;
+constexpr int kUserVerdictSlot = kFeatureCount;
 
 // The slot a column's cell fills, or -1 for a column the pass does not use.
 int slot_of(const char* column) {
-  for (int f = 0; f < TrainingRecords::kFeatureCount; ++f) {
-    if (std::strcmp(column, TrainingRecords::kFeatureNames[f]) == 0) return f;
+  for (int f = 0; f < kFeatureCount; ++f) {
+    if (std::strcmp(column, kFeatures[f].column) == 0) return f;
   }
   return std::strcmp(column, TrainingRecords::kUserVerdictName) == 0 ? kUserVerdictSlot : -1;
 }
@@ -25,7 +25,7 @@ TrainingRecords TrainingRecords::of(const Rows& rows) {
   for (const auto& row : rows) {
     Texts texts;
     for (int slot = 0; slot <= kUserVerdictSlot; ++slot) {
-      const auto found = row.find(slot < kFeatureCount ? kFeatureNames[slot] : kUserVerdictName);
+      const auto found = row.find(slot < kFeatureCount ? kFeatures[slot].column : kUserVerdictName);
       texts[slot] = found != row.end() ? found->second.text().c_str() : "";
     }
     records.append(texts, decimal_point);

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "service/Features.h"
 #include "storage/DBAccess.h"
 
 class TrainingRecords {
@@ -19,11 +20,6 @@ class TrainingRecords {
   using Rows = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
   using Statement = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
 
-  // The features in matrix column order, and their column names.
-  enum Feature : int { kNumFiles, kImageSize, kKbTransferred, kTotalTime, kDedupRate };
-  static constexpr int kFeatureCount = 5;
-  static constexpr const char* kFeatureNames[kFeatureCount] = {"NUM_FILES", "IMAGE_SIZE", "KB_TRANSFERRED",
-                                                               "TOTAL_TIME", "DEDUP_RATE"};
   static constexpr const char* kUserVerdictName = "USER_IDENTIFIED_CLUSTER";
 
   // The same records, taken from Rows.
@@ -38,7 +34,8 @@ class TrainingRecords {
   bool empty() const { return user_verdicts_.empty(); }
   void clear();
 
-  double feature(std::size_t record, int feature) const { return features_[record][feature]; }
+  // The feature in the stored unit; f is its matrix column (Feature).
+  double feature(std::size_t record, int f) const { return features_[record][f]; }
   // USER_IDENTIFIED_CLUSTER read as int.
   int user_verdict(std::size_t record) const { return user_verdicts_[record]; }
 

@@ -30,8 +30,8 @@ class TrainingRecordsTest : public ::testing::Test {
     ASSERT_EQ(read.size(), rows.size());
     ASSERT_EQ(converted.size(), rows.size());
     for (std::size_t r = 0; r < rows.size(); ++r) {
-      for (int f = 0; f < TrainingRecords::kFeatureCount; ++f) {
-        const auto found = rows[r].find(TrainingRecords::kFeatureNames[f]);
+      for (int f = 0; f < kFeatureCount; ++f) {
+        const auto found = rows[r].find(kFeatures[f].column);
         const double expected = found != rows[r].end() ? static_cast<double>(found->second) : 0.0;
         const double got = read.feature(r, f);
         const double got_from_rows = converted.feature(r, f);

@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
                              static_cast<double>(options.min_samples), options.config_file);
     service.start();
     if (StopSignal::requested()) {
-      logmsgf(2, ServiceOptions::kProgramName, "Stopping on signal %d; pending jobs stay queued for the next start.",
+      logmsgf(kLogProgress, ServiceOptions::kProgramName, "Stopping on signal %d; pending jobs stay queued for the next start.",
               StopSignal::signal_number());
     }
   } catch (const std::exception& e) {

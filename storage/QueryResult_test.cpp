@@ -141,6 +141,21 @@ TEST_F(QueryResultTest, ErrorOnTheFirstStepThrows) {
   }
 }
 
+TEST_F(QueryResultTest, ConstraintViolatingInsertThrowsOnTheFirstStep) {
+  db.execute_query("CREATE TABLE u(k TEXT PRIMARY KEY); INSERT INTO u VALUES ('taken');");
+  Statement st(db.handle, "INSERT INTO u VALUES (?)");
+  st.bind(1, std::string("taken"));
+  try {
+    QueryResult result(st);
+    FAIL() << "expected an exception";
+  } catch (const sqlite_exception& e) {
+    EXPECT_STREQ(e.what(), "sqlite query execution failed.");
+  }
+  Rows rows;
+  db.read_data("SELECT COUNT(*) AS n FROM u", rows);
+  EXPECT_EQ(static_cast<int>(rows.at(0)["n"]), 1);
+}
+
 TEST_F(QueryResultTest, BusyOnTheFirstStepReturnsNoRecordsAndNoException) {
   // An exclusive lock held elsewhere makes even a read report SQLITE_BUSY.
   DBAccess holder(dir.file("test.db"), SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX);

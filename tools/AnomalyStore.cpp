@@ -1,14 +1,14 @@
 #include "tools/AnomalyStore.h"
 
-#include <jansson.h>
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <cctype>
 #include <stdexcept>
 #include <unistd.h>
 
+#include "service/AnomalyPayload.h"
 #include "storage/Statement.h"
+#include "util/Text.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;
@@ -17,9 +17,6 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
 
 namespace {
 
-constexpr const char* kAttributeMembers[] = {"anomalyImageSize", "anomalyBackupFilesCount", "anomalyDataTransferred",
-                                             "anomalyTimeTaken", "anomalyDeduplicationRatio"};
-
 DBAccess open_read_only(const std::string& path) {
   if (access(path.c_str(), R_OK) != 0) {
     throw std::runtime_error("cannot read database '" + path + "'");
@@ -27,26 +24,15 @@ DBAccess open_read_only(const std::string& path) {
   return DBAccess(path, SQLITE_OPEN_READONLY);
 }
 
-std::string member_text(json_t* object, const char* name) {
-  const char* text = json_string_value(json_object_get(object, name));
-  return text != nullptr ? text : "";
-}
-
 void read_payload(AnomalyRecord& record) {
-  json_t* root = json_loads(record.payload.c_str(), 0, nullptr);
-  json_t* attributes = json_object_get(root, "Attributes");
-  record.policy = member_text(attributes, "policyName");
-  record.policy_type = member_text(attributes, "policyType");
-  record.schedule_name = member_text(attributes, "scheduleName");
-  record.storage_name = member_text(attributes, "storageName");
-  record.summary = member_text(attributes, "summary");
-  record.score = member_text(attributes, "score");
-  for (const char* member : kAttributeMembers) {
-    if (json_object_get(attributes, member) != nullptr) {
-      record.attributes.emplace_back(member, member_text(attributes, member));
-    }
-  }
-  json_decref(root);
+  anomaly_payload::Fields fields = anomaly_payload::parse(record.payload);
+  record.policy = std::move(fields.policy);
+  record.policy_type = std::move(fields.policy_type);
+  record.schedule_name = std::move(fields.schedule_name);
+  record.storage_name = std::move(fields.storage_name);
+  record.summary = std::move(fields.summary);
+  record.score = std::move(fields.score);
+  record.attributes = std::move(fields.attributes);
 }
 
 AnomalyRecord to_record(Row& row) {
@@ -63,17 +49,8 @@ AnomalyRecord to_record(Row& row) {
 HistoryPoint to_point(Row& row) {
   HistoryPoint point;
   point.backup_time = static_cast<int>(row["BACKUP_TIME"]);
-  point.num_files = row["NUM_FILES"];
-  point.image_size = row["IMAGE_SIZE"];
-  point.kb_transferred = row["KB_TRANSFERRED"];
-  point.total_time = row["TOTAL_TIME"];
-  point.dedup_rate = row["DEDUP_RATE"];
+  for (const FeatureInfo& info : kFeatures) point.features[info.feature] = row[info.column];
   return point;
-}
-
-std::string lower(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
 }
 
 }  // namespace
@@ -95,7 +72,7 @@ std::vector<AnomalyRecord> AnomalyStore::anomalies(const Filter& filter) const {
                "SELECT ANOMALY_UNIQUE_ID, ANOMALY_PAYLOAD, DETECTION_KEY, CLIENT, DETECTION_TIME FROM ANOMALY_DATA "
                "WHERE DETECTION_TIME >= ? AND (? = '' OR lower(CLIENT) = ?) ORDER BY DETECTION_TIME DESC, rowid DESC "
                "LIMIT ?");
-  const std::string client = filter.client ? lower(*filter.client) : "";
+  const std::string client = filter.client ? text::to_lower(*filter.client) : "";
   st.bind(1, static_cast<double>(filter.since.value_or(0)));
   st.bind(2, client);
   st.bind(3, client);

@@ -3,11 +3,13 @@
 // database. Used by the listing, the feedback command and the HTML report.
 #pragma once
 
+#include <array>
 #include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "service/Features.h"
 #include "storage/DBAccess.h"
 
 struct AnomalyRecord {
@@ -27,10 +29,11 @@ struct AnomalyRecord {
   std::vector<std::pair<std::string, std::string>> attributes;
 };
 
-// One job of a workload, for charts.
+// One job of a workload, for charts: its features in the stored unit, by
+// matrix column (Feature).
 struct HistoryPoint {
   time_t backup_time = 0;
-  double num_files = 0, image_size = 0, kb_transferred = 0, total_time = 0, dedup_rate = 0;
+  std::array<double, kFeatureCount> features{};
 };
 
 struct WorkloadHistory {

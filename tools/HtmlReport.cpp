@@ -8,73 +8,22 @@
 #include <set>
 #include <utility>
 
+#include "service/AnomalyPayload.h"
+#include "service/Features.h"
+#include "tools/HtmlEscape.h"
+#include "util/TimeUnits.h"
+
 namespace {
 
-// The payload attributes a job can be flagged for, in the order the detector
-// writes them, with how their history is charted. Sizes are written in MB
-// but stored in KB; the time taken is stored in seconds.
-struct Feature {
-  const char* member;
-  const char* title;
-  SvgChart::Unit unit;
-  double HistoryPoint::*field;
-  double text_to_stored;    // factor from the attribute text's numbers to the stored unit
-  const char* text_suffix;  // unit the attribute text leaves out
-};
+using anomaly_payload::Reading;
 
-const Feature kFeatures[] = {
-    {"anomalyImageSize", "Image size", SvgChart::Unit::Kilobytes, &HistoryPoint::image_size, 1024, ""},
-    {"anomalyBackupFilesCount", "Backup files", SvgChart::Unit::Count, &HistoryPoint::num_files, 1, " files"},
-    {"anomalyDataTransferred", "Data transferred", SvgChart::Unit::Kilobytes, &HistoryPoint::kb_transferred, 1024,
-     ""},
-    {"anomalyTimeTaken", "Time taken", SvgChart::Unit::Seconds, &HistoryPoint::total_time, 1, " s"},
-    {"anomalyDeduplicationRatio", "Deduplication ratio", SvgChart::Unit::Ratio, &HistoryPoint::dedup_rate, 1, ""},
-};
-
-// The names the detector lists in an anomaly's summary, in its order; used
-// to break ties when two kinds are equally frequent.
-const char* const kKindOrder[] = {"Anomaly image size", "Backup files count", "Data transferred", "Total time",
-                                  "Deduplication ratio"};
-
-const Feature* find_feature(const std::string& member) {
-  for (const Feature& feature : kFeatures) {
-    if (member == feature.member) return &feature;
+// The unit an attribute text leaves out, shown after its numbers.
+const char* text_suffix(FeatureUnit unit) {
+  switch (unit) {
+    case FeatureUnit::Count: return " files";
+    case FeatureUnit::Seconds: return " s";
+    default: return "";
   }
-  return nullptr;
-}
-
-std::string trim(const std::string& text) {
-  const auto first = text.find_first_not_of(" \t");
-  if (first == std::string::npos) return "";
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
-std::vector<std::string> kinds_of(const std::string& summary) {
-  std::vector<std::string> kinds;
-  std::size_t start = 0;
-  while (start <= summary.size()) {
-    std::size_t end = summary.find(',', start);
-    if (end == std::string::npos) end = summary.size();
-    const std::string kind = trim(summary.substr(start, end - start));
-    if (!kind.empty()) kinds.push_back(kind);
-    start = end + 1;
-  }
-  return kinds;
-}
-
-// A number that must be the whole of text (surrounding blanks allowed), with
-// an optional unit word after it ("1000.00 MB").
-std::optional<double> leading_number(const std::string& text) {
-  const char* begin = text.c_str();
-  char* end = nullptr;
-  const double value = std::strtod(begin, &end);
-  if (end == begin) return std::nullopt;
-  const std::string rest = trim(end);
-  if (!rest.empty() && rest.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz") !=
-                           std::string::npos) {
-    return std::nullopt;
-  }
-  return value;
 }
 
 std::string local_time_text(time_t t, const char* format) {
@@ -95,10 +44,11 @@ std::string relative(time_t now, time_t then) {
   if (seconds < 0) return "in the future";
   if (seconds < 60) return "just now";
   if (seconds < 3600) return plural(seconds / 60, "minute", "minutes") + " ago";
-  if (seconds < 86400) return plural(seconds / 3600, "hour", "hours") + " ago";
-  if (seconds < 86400LL * 60) return plural(seconds / 86400, "day", "days") + " ago";
-  if (seconds < 86400LL * 730) return plural(seconds / (86400LL * 30), "month", "months") + " ago";
-  return plural(seconds / (86400LL * 365), "year", "years") + " ago";
+  constexpr long long kDay = kSecondsPerDay;
+  if (seconds < kDay) return plural(seconds / kSecondsPerHour, "hour", "hours") + " ago";
+  if (seconds < kDay * 60) return plural(seconds / kDay, "day", "days") + " ago";
+  if (seconds < kDay * 730) return plural(seconds / (kDay * 30), "month", "months") + " ago";
+  return plural(seconds / (kDay * 365), "year", "years") + " ago";
 }
 
 // "2 h 05 min", "12 min 30 s": a job's duration as an administrator says it.
@@ -115,14 +65,14 @@ std::string duration(double seconds) {
   return text;
 }
 
-std::string or_dash(const std::string& text) { return text.empty() ? "\xE2\x80\x94" : HtmlReport::escape(text); }
+std::string or_dash(const std::string& text) { return text.empty() ? "\xE2\x80\x94" : html_escape(text); }
 
 std::string fact(const char* label, const std::string& escaped_value) {
   return "<div><dt>" + std::string(label) + "</dt><dd>" + escaped_value + "</dd></div>";
 }
 
 // How far outside its range the job lies, e.g. "28% above the usual range".
-std::string deviation(const HtmlReport::Reading& reading) {
+std::string deviation(const Reading& reading) {
   char text[96];
   if (reading.current > reading.high && reading.high > 0) {
     const double percent = (reading.current - reading.high) / reading.high * 100;
@@ -206,102 +156,25 @@ footer { color: #7b8491; font-size: 12px; margin-top: 28px; }
 HtmlReport::HtmlReport(std::string database_path, time_t generated_at)
     : database_path_(std::move(database_path)), generated_at_(generated_at) {}
 
-std::string HtmlReport::escape(std::string_view text) {
-  static const char kReplacement[] = "\xEF\xBF\xBD";
-  std::string out;
-  out.reserve(text.size() + text.size() / 8);
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    if (c < 0x80) {
-      switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '"': out += "&quot;"; break;
-        case '\'': out += "&#39;"; break;
-        default:
-          if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7F) {
-            out += kReplacement;
-          } else {
-            out += static_cast<char>(c);
-          }
-      }
-      ++i;
-      continue;
-    }
-    // A well-formed UTF-8 sequence passes unchanged; anything else (a stray
-    // continuation byte, a cut sequence, an overlong form, a surrogate)
-    // becomes one replacement character per offending byte.
-    std::size_t length = 0;
-    unsigned char low = 0x80, high = 0xBF;
-    if (c >= 0xC2 && c <= 0xDF) {
-      length = 2;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      length = 3;
-      if (c == 0xE0) low = 0xA0;
-      if (c == 0xED) high = 0x9F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      length = 4;
-      if (c == 0xF0) low = 0x90;
-      if (c == 0xF4) high = 0x8F;
-    }
-    bool valid = length != 0 && i + length <= text.size();
-    for (std::size_t k = 1; valid && k < length; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      valid = k == 1 ? (next >= low && next <= high) : (next & 0xC0) == 0x80;
-    }
-    if (valid) {
-      out.append(text.substr(i, length));
-      i += length;
-    } else {
-      out += kReplacement;
-      ++i;
-    }
-  }
-  return out;
-}
-
-std::optional<HtmlReport::Reading> HtmlReport::parse_reading(const std::string& text) {
-  static const std::string kOpen = " (Usual: ";
-  const std::size_t open = text.find(kOpen);
-  if (open == std::string::npos || text.empty() || text.back() != ')') return std::nullopt;
-  const std::string usual = text.substr(open + kOpen.size(), text.size() - 1 - open - kOpen.size());
-  // The separator has a blank on both sides, so "-1 - -1" splits correctly.
-  const std::size_t dash = usual.find(" - ");
-  if (dash == std::string::npos) return std::nullopt;
-  Reading reading;
-  reading.current_text = trim(text.substr(0, open));
-  reading.low_text = trim(usual.substr(0, dash));
-  reading.high_text = trim(usual.substr(dash + 3));
-  const auto current = leading_number(reading.current_text);
-  const auto low = leading_number(reading.low_text);
-  const auto high = leading_number(reading.high_text);
-  if (!current || !low || !high) return std::nullopt;
-  reading.current = *current;
-  reading.low = *low;
-  reading.high = *high;
-  return reading;
-}
-
 std::optional<SvgChart> HtmlReport::chart_for(const std::string& member, const std::string& text,
                                               const WorkloadHistory& history) {
-  const Feature* feature = find_feature(member);
+  const FeatureInfo* feature = feature_by_member(member);
   if (feature == nullptr || !history.job_found || history.history.empty()) return std::nullopt;
   std::vector<SvgChart::Point> points;
   points.reserve(history.history.size());
-  for (const HistoryPoint& point : history.history) points.push_back({point.backup_time, point.*(feature->field)});
-  const SvgChart::Point job{history.job.backup_time, history.job.*(feature->field)};
+  for (const HistoryPoint& point : history.history) points.push_back({point.backup_time, point.features[feature->feature]});
+  const SvgChart::Point job{history.job.backup_time, history.job.features[feature->feature]};
 
   std::optional<SvgChart::Range> usual;
   std::string label = "this job: ";
-  if (const auto reading = parse_reading(text)) {
+  if (const auto reading = anomaly_payload::parse_reading(text)) {
     // A cluster without members is written as the range -1 - -1 (sizes as
     // -0.00 MB): there is no usual range to draw then.
     if (reading->high >= 0) {
-      usual = SvgChart::Range{reading->low * feature->text_to_stored, reading->high * feature->text_to_stored};
+      const double scale = anomaly_payload::text_to_stored(feature->text_form);
+      usual = SvgChart::Range{reading->low * scale, reading->high * scale};
     }
-    label += reading->current_text + feature->text_suffix;
+    label += reading->current_text + text_suffix(feature->unit);
   } else {
     char value[64];
     std::snprintf(value, sizeof value, "%g", job.value);
@@ -317,16 +190,16 @@ void HtmlReport::summarise(const std::vector<AnomalyRecord>& all) {
   last_day_ = last_week_ = 0;
   for (const AnomalyRecord& record : all) {
     clients.insert(record.client);
-    if (record.detection_time >= generated_at_ - 86400) ++last_day_;
-    if (record.detection_time >= generated_at_ - 7 * 86400) ++last_week_;
-    for (const std::string& kind : kinds_of(record.summary)) ++kinds[kind];
+    if (record.detection_time >= generated_at_ - kSecondsPerDay) ++last_day_;
+    if (record.detection_time >= generated_at_ - 7 * kSecondsPerDay) ++last_week_;
+    for (const std::string& kind : anomaly_payload::summary_names(record.summary)) ++kinds[kind];
   }
   clients_ = clients.size();
   top_kind_.clear();
   top_kind_count_ = 0;
   // The detector's own order first, so that a tie always names the same kind.
-  for (const char* kind : kKindOrder) {
-    const auto found = kinds.find(kind);
+  for (const Feature f : kReportOrder) {
+    const auto found = kinds.find(feature_info(f).summary_name);
     if (found != kinds.end() && found->second > top_kind_count_) {
       top_kind_ = found->first;
       top_kind_count_ = found->second;
@@ -346,17 +219,17 @@ void HtmlReport::add_card(const AnomalyRecord& anomaly, const WorkloadHistory& h
 }
 
 std::string HtmlReport::card(const AnomalyRecord& anomaly, const WorkloadHistory& history) const {
-  std::string out = "<article class=\"card\" data-anomaly-id=\"" + escape(anomaly.id) + "\">\n";
+  std::string out = "<article class=\"card\" data-anomaly-id=\"" + html_escape(anomaly.id) + "\">\n";
   out += "<div class=\"card-head\"><div><h2 class=\"client\">" + or_dash(anomaly.client) + "</h2>";
-  out += "<div class=\"when\">Detected <time>" + escape(local_time_text(anomaly.detection_time, "%Y-%m-%d %H:%M:%S")) +
+  out += "<div class=\"when\">Detected <time>" + html_escape(local_time_text(anomaly.detection_time, "%Y-%m-%d %H:%M:%S")) +
          "</time> \xC2\xB7 " + relative(generated_at_, anomaly.detection_time) + "</div></div>";
   out += "<span class=\"score\" title=\"Distance to the nearest cluster of normal jobs; larger is stranger\">Score " +
          or_dash(anomaly.score) + "</span></div>\n";
 
-  const std::vector<std::string> kinds = kinds_of(anomaly.summary);
+  const std::vector<std::string> kinds = anomaly_payload::summary_names(anomaly.summary);
   if (!kinds.empty()) {
     out += "<ul class=\"kinds\">";
-    for (const std::string& kind : kinds) out += "<li>" + escape(kind) + "</li>";
+    for (const std::string& kind : kinds) out += "<li>" + html_escape(kind) + "</li>";
     out += "</ul>\n";
   }
 
@@ -381,22 +254,22 @@ std::string HtmlReport::card(const AnomalyRecord& anomaly, const WorkloadHistory
   if (!anomaly.attributes.empty()) {
     out += "<div class=\"features\">\n";
     for (const auto& [member, text] : anomaly.attributes) {
-      const Feature* feature = find_feature(member);
-      out += "<section class=\"feature\" data-feature=\"" + escape(member) + "\">";
-      out += "<h3>" + escape(feature != nullptr ? feature->title : member) + "</h3>";
-      const auto reading = parse_reading(text);
+      const FeatureInfo* feature = feature_by_member(member);
+      out += "<section class=\"feature\" data-feature=\"" + html_escape(member) + "\">";
+      out += "<h3>" + html_escape(feature != nullptr ? feature->title : member) + "</h3>";
+      const auto reading = anomaly_payload::parse_reading(text);
       if (reading && feature != nullptr) {
-        const std::string suffix = feature->text_suffix;
-        std::string now = escape(reading->current_text + suffix);
-        if (feature->unit == SvgChart::Unit::Seconds) now += " (" + duration(reading->current) + ")";
+        const std::string suffix = text_suffix(feature->unit);
+        std::string now = html_escape(reading->current_text + suffix);
+        if (feature->unit == FeatureUnit::Seconds) now += " (" + duration(reading->current) + ")";
         out += "<div class=\"reading\"><span class=\"now\">" + now + "</span><span class=\"usual\">usual " +
-               escape(reading->low_text + suffix) + " \xE2\x80\x93 " + escape(reading->high_text + suffix) +
+               html_escape(reading->low_text + suffix) + " \xE2\x80\x93 " + html_escape(reading->high_text + suffix) +
                "</span>";
         const std::string off = deviation(*reading);
         if (!off.empty()) out += "<span class=\"off\">" + off + "</span>";
         out += "</div>";
       } else {
-        out += "<div class=\"reading\">" + escape(text) + "</div>";
+        out += "<div class=\"reading\">" + html_escape(text) + "</div>";
       }
       if (const auto chart = chart_for(member, text, history)) {
         out += '\n';
@@ -423,12 +296,12 @@ std::string HtmlReport::html() const {
   out += "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
   out += "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n";
   out += "<meta name=\"generator\" content=\"tsanomalyctl report\">\n";
-  out += "<title>Backup anomaly report \xE2\x80\x93 " + escape(name) + "</title>\n";
+  out += "<title>Backup anomaly report \xE2\x80\x93 " + html_escape(name) + "</title>\n";
   out += "<style>" + std::string(kStyle) + "</style>\n</head>\n<body>\n<div class=\"page\">\n";
 
   out += "<header class=\"top\">\n<h1>Backup anomaly report</h1>\n";
-  out += "<p class=\"meta\">Database <code class=\"database\">" + escape(database_path_) +
-         "</code> \xC2\xB7 generated <time class=\"generated\">" + escape(generated) + "</time> " + escape(zone) +
+  out += "<p class=\"meta\">Database <code class=\"database\">" + html_escape(database_path_) +
+         "</code> \xC2\xB7 generated <time class=\"generated\">" + html_escape(generated) + "</time> " + html_escape(zone) +
          " (all times are local)</p>\n</header>\n";
 
   const auto tile = [](const std::string& kind, const std::string& label, const std::string& value,
@@ -441,7 +314,7 @@ std::string HtmlReport::html() const {
   out += tile("clients", "Clients affected", std::to_string(clients_), "");
   out += tile("day", "Last 24 hours", std::to_string(last_day_), "");
   out += tile("week", "Last 7 days", std::to_string(last_week_), "");
-  out += tile("kind", "Most frequent kind", top_kind_.empty() ? "\xE2\x80\x94" : escape(top_kind_),
+  out += tile("kind", "Most frequent kind", top_kind_.empty() ? "\xE2\x80\x94" : html_escape(top_kind_),
               top_kind_.empty() ? ""
                                 : "in " + std::to_string(top_kind_count_) + " of " + std::to_string(total_) +
                                       (total_ == 1 ? " anomaly" : " anomalies"));

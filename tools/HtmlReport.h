@@ -6,7 +6,6 @@
 #include <ctime>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "tools/AnomalyStore.h"
@@ -14,15 +13,6 @@
 
 class HtmlReport {
  public:
-  // One attribute text of a payload taken apart, e.g.
-  // "1536.00 MB (Usual: 1000.00 MB - 1200.50 MB)" gives the texts
-  // "1536.00 MB", "1000.00 MB", "1200.50 MB" and the numbers as written
-  // (megabytes for sizes, seconds for the time taken).
-  struct Reading {
-    std::string current_text, low_text, high_text;
-    double current = 0, low = 0, high = 0;
-  };
-
   HtmlReport(std::string database_path, time_t generated_at);
 
   // The header's figures; they count every anomaly given here, also those
@@ -32,12 +22,6 @@ class HtmlReport {
   void add_card(const AnomalyRecord& anomaly, const WorkloadHistory& history);
   std::string html() const;
 
-  // Text for HTML content and attribute values: markup characters become
-  // entities, and bytes that are not UTF-8 (or are control characters)
-  // become U+FFFD, so whatever a client is called the page stays valid.
-  static std::string escape(std::string_view text);
-  // None when the text does not have the "X (Usual: A - B)" form.
-  static std::optional<Reading> parse_reading(const std::string& text);
   // The chart of one payload attribute ("anomalyImageSize", ...) against the
   // workload's history, its band taken from the attribute text. None for an
   // unknown attribute, a job no longer in the queue or an empty history.

@@ -62,7 +62,7 @@ class OperatorCommandsTest : public ::testing::Test {
     job["UNIQUE_KEY"] = Value(key);
     job["DESTINATION_STORAGE_NAME"] = Value(std::string("stu1"));
     DetectionService::AnomalyStats stats{{"IMAGE_SIZE", {1536, 1000, 1200}}};
-    service.report_anomaly(job, {1, 3.25}, {}, {}, 1, stats);
+    service.report_anomaly(job, {1, 3.25}, DetectionService::Rows{}, {}, 1, stats);
     close_debug_log();
   }
 

@@ -18,6 +18,7 @@
 #include "storage/Statement.h"
 #include "tests/support/RowWriter.h"
 #include "tests/support/TempDir.h"
+#include "tools/HtmlEscape.h"
 #include "tools/HtmlReport.h"
 #include "tools/ReportCommand.h"
 #include "tools/SvgChart.h"
@@ -106,58 +107,23 @@ class UtcTest : public ::testing::Test {
 // Escaping and attribute texts
 
 TEST(HtmlReportEscape, MarkupCharactersBecomeEntities) {
-  EXPECT_EQ(HtmlReport::escape("O'Brien & <Sons> \"HQ\""), "O&#39;Brien &amp; &lt;Sons&gt; &quot;HQ&quot;");
-  EXPECT_EQ(HtmlReport::escape("&amp;"), "&amp;amp;");
+  EXPECT_EQ(html_escape("O'Brien & <Sons> \"HQ\""), "O&#39;Brien &amp; &lt;Sons&gt; &quot;HQ&quot;");
+  EXPECT_EQ(html_escape("&amp;"), "&amp;amp;");
 }
 
 TEST(HtmlReportEscape, MultiByteUtf8PassesUnchanged) {
   const std::string text = "Z\xC3\xBCrich-\xE6\x9D\xB1\xE4\xBA\xAC-\xF0\x9F\x98\x80";  // Zürich-東京-😀
-  EXPECT_EQ(HtmlReport::escape(text), text);
+  EXPECT_EQ(html_escape(text), text);
 }
 
 TEST(HtmlReportEscape, BrokenUtf8AndControlCharactersBecomeReplacementCharacters) {
   const std::string fffd = "\xEF\xBF\xBD";
-  EXPECT_EQ(HtmlReport::escape("a\xFFz"), "a" + fffd + "z");
-  EXPECT_EQ(HtmlReport::escape("cut\xC3"), "cut" + fffd);
-  EXPECT_EQ(HtmlReport::escape("\xC0\xAF"), fffd + fffd);              // overlong '/'
-  EXPECT_EQ(HtmlReport::escape("\xED\xA0\x80"), fffd + fffd + fffd);  // a UTF-16 surrogate
-  EXPECT_EQ(HtmlReport::escape(std::string("a\x01") + '\0' + "b"), "a" + fffd + fffd + "b");
-  EXPECT_EQ(HtmlReport::escape("tab\there\nnew line"), "tab\there\nnew line");
-}
-
-TEST(HtmlReportReading, SizeTextGivesMegabytesAndItsParts) {
-  const auto reading = HtmlReport::parse_reading("1536.00 MB (Usual: 1000.00 MB - 1200.50 MB)");
-  ASSERT_TRUE(reading);
-  EXPECT_EQ(reading->current_text, "1536.00 MB");
-  EXPECT_EQ(reading->low_text, "1000.00 MB");
-  EXPECT_EQ(reading->high_text, "1200.50 MB");
-  EXPECT_DOUBLE_EQ(reading->current, 1536.0);
-  EXPECT_DOUBLE_EQ(reading->low, 1000.0);
-  EXPECT_DOUBLE_EQ(reading->high, 1200.5);
-}
-
-TEST(HtmlReportReading, CountRatioAndNegativeRanges) {
-  auto count = HtmlReport::parse_reading("5120 (Usual: 4000 - 4500)");
-  ASSERT_TRUE(count);
-  EXPECT_DOUBLE_EQ(count->current, 5120);
-  EXPECT_DOUBLE_EQ(count->low, 4000);
-  EXPECT_DOUBLE_EQ(count->high, 4500);
-  auto ratio = HtmlReport::parse_reading("3.5 (Usual: 10.25 - 12.3457)");
-  ASSERT_TRUE(ratio);
-  EXPECT_DOUBLE_EQ(ratio->current, 3.5);
-  EXPECT_DOUBLE_EQ(ratio->high, 12.3457);
-  // A cluster without members: the range -1 - -1.
-  auto none = HtmlReport::parse_reading("7 (Usual: -1 - -1)");
-  ASSERT_TRUE(none);
-  EXPECT_DOUBLE_EQ(none->low, -1);
-  EXPECT_DOUBLE_EQ(none->high, -1);
-}
-
-TEST(HtmlReportReading, OtherTextsAreNotReadings) {
-  for (const char* text : {"", "abc", "5120 (Usual 4000 - 4500)", "5120 (Usual: 4000 4500)", "x (Usual: 1 - 2)",
-                           "5120 (Usual: 4000 - 4500", "1 (Usual: 2 - 3) trailing"}) {
-    EXPECT_FALSE(HtmlReport::parse_reading(text)) << text;
-  }
+  EXPECT_EQ(html_escape("a\xFFz"), "a" + fffd + "z");
+  EXPECT_EQ(html_escape("cut\xC3"), "cut" + fffd);
+  EXPECT_EQ(html_escape("\xC0\xAF"), fffd + fffd);              // overlong '/'
+  EXPECT_EQ(html_escape("\xED\xA0\x80"), fffd + fffd + fffd);  // a UTF-16 surrogate
+  EXPECT_EQ(html_escape(std::string("a\x01") + '\0' + "b"), "a" + fffd + fffd + "b");
+  EXPECT_EQ(html_escape("tab\there\nnew line"), "tab\there\nnew line");
 }
 
 // ---------------------------------------------------------------------------

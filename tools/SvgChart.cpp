@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "tools/HtmlReport.h"
+#include "tools/HtmlEscape.h"
 
 namespace {
 
@@ -293,7 +293,7 @@ std::string SvgChart::time_label(time_t t) const {
 }
 
 std::string SvgChart::svg() const {
-  const auto esc = [](const std::string& text) { return HtmlReport::escape(text); };
+  const auto esc = [](const std::string& text) { return html_escape(text); };
   // Hover texts carry one decimal more than the axis.
   const auto precise = [this](double value) {
     const int decimals = (unit_ == Unit::Count && scale_ == 1) ? 0 : std::min(decimals_ + 1, 3);

@@ -8,9 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "service/Features.h"
+
 class SvgChart {
  public:
-  enum class Unit { Kilobytes, Count, Seconds, Ratio };
+  // The unit values are stored in, as the feature catalogue gives it.
+  using Unit = FeatureUnit;
 
   struct Point {
     time_t time = 0;

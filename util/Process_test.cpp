@@ -75,6 +75,16 @@ TEST(Process, WithoutRedirectTheChildWritesToOurStandardOutput) {
   EXPECT_NE(captured.find("to-parent-stdout"), std::string::npos);
 }
 
+TEST(Process, WithoutRedirectTheChildWritesToOurStandardErrorToo) {
+  testing::internal::CaptureStderr();
+  Process p("/bin/ls", "/no-such-path-for-the-process-test");
+  p.start();
+  fflush(stderr);
+  const std::string captured = testing::internal::GetCapturedStderr();
+  EXPECT_NE(p.exit_code(), 0);
+  EXPECT_NE(captured.find("no-such-path-for-the-process-test"), std::string::npos) << captured;
+}
+
 TEST(Process, MissingProgramLeavesAFailureStatus) {
   Process p("/no/such/program", "");
   p.start();

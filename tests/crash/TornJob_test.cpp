@@ -1,17 +1,14 @@
-// A job interrupted between its two writes. Accepting a job takes two
-// statements (insert into HIST_DATA, then delete from DATA_TO_PROCESS), and
-// so does reporting one (insert into ANOMALY_DATA, then mark the queue row
-// processed). A SIGKILL between them -- the random kills of
-// CrashSafety_test see it again and again -- or a failure of the second
-// statement (another connection holding the write lock past the busy
-// timeout) leaves the job half done, and the next pass meets it again.
-//
-// These tests build that state deterministically: a trigger makes the second
-// statement fail once, exactly where a kill would have stopped the process.
-// (Were the two writes one transaction, the failure would undo the first and
-// the job would simply still be pending; the tests accept either state.)
-// Then the trigger is dropped and a normal pass runs. Whatever happened, the
-// job must end with exactly one outcome, the one it was given.
+// A job whose second write fails. Accepting a job is an insert into
+// HIST_DATA and a delete from DATA_TO_PROCESS; reporting one is an insert
+// into ANOMALY_DATA and an update that marks the queue row processed. The
+// schema's triggers do the queue's part inside the insert itself, so a
+// SIGKILL -- the random kills of CrashSafety_test -- can no longer fall
+// between the two, and a failure of the queue's part (here a planted trigger
+// that aborts it, as another connection holding the write lock past the busy
+// timeout would) undoes the insert with it: the job is still pending, with
+// no history row and no report, and the next pass judges it afresh.
+// Whatever happened, the job must end with exactly one outcome, the one it
+// was given.
 
 #include <gtest/gtest.h>
 
@@ -80,6 +77,9 @@ class TornJob : public ::testing::Test {
 
   AuditResult settled() { return audit(*db, expected, true); }
   long long reports() { return db->number("SELECT COUNT(*) FROM ANOMALY_DATA"); }
+  long long history_rows_of_job() {
+    return db->number("SELECT COUNT(*) FROM HIST_DATA WHERE UNIQUE_KEY = '" + job + "'");
+  }
 
   TempDir dir;
   std::unique_ptr<SqliteFile> db;
@@ -98,18 +98,19 @@ TEST_F(TornJob, LongGapOutlierIsAcceptedIntoTheHistory) {
   EXPECT_EQ(reports(), 0);
 }
 
-// Stopped after its history insert, before its queue delete. The next pass
-// meets the job again with the job's own row already in the history, so the
-// job looks like it came 0 days after the last backup; the long-gap rule no
-// longer accepts it and it is reported, while it stays in the history.
-TEST_F(TornJob, LongGapOutlierStoppedBetweenHistoryInsertAndQueueDeleteIsNotReportedOnRetry) {
+// Had its history row stayed while it remained queued, the retry would have
+// judged the job against a history holding itself: 0 days after the last
+// backup, the long-gap rule would no longer accept it and it would be
+// reported. The failed queue delete takes the history insert back with it.
+TEST_F(TornJob, LongGapOutlierWhoseQueueDeleteFailsStaysPendingAndIsAcceptedOnRetry) {
   make_long_gap_outlier();
   stop_before("DELETE");
   pass();
   EXPECT_NE(log().find("Valid record considered since current backup done after 365 days."), std::string::npos);
   AuditResult state = audit(*db, expected, false);
   ASSERT_TRUE(state.ok()) << state.describe();
-  ASSERT_EQ(state.pending, 1) << "the trigger did not stop the job before its queue delete";
+  ASSERT_EQ(state.pending, 1) << "the trigger did not stop the job's queue delete";
+  EXPECT_EQ(history_rows_of_job(), 0) << "the history insert outlived the failed queue delete";
 
   resume();
   pass();
@@ -119,13 +120,14 @@ TEST_F(TornJob, LongGapOutlierStoppedBetweenHistoryInsertAndQueueDeleteIsNotRepo
   EXPECT_EQ(reports(), 0) << "the accepted job was reported on retry";
 }
 
-// The same stop for an ordinary job: the retry finishes the move.
-TEST_F(TornJob, NormalJobStoppedBetweenHistoryInsertAndQueueDeleteEndsInTheHistoryOnce) {
+// The same failure for an ordinary job: the retry makes the move.
+TEST_F(TornJob, NormalJobWhoseQueueDeleteFailsStaysPendingAndEndsInTheHistoryOnce) {
   stop_before("DELETE");
   pass();
   AuditResult state = audit(*db, expected, false);
   ASSERT_TRUE(state.ok()) << state.describe();
-  ASSERT_EQ(state.pending, 1) << "the trigger did not stop the job before its queue delete";
+  ASSERT_EQ(state.pending, 1) << "the trigger did not stop the job's queue delete";
+  EXPECT_EQ(history_rows_of_job(), 0) << "the history insert outlived the failed queue delete";
 
   resume();
   pass();
@@ -135,16 +137,17 @@ TEST_F(TornJob, NormalJobStoppedBetweenHistoryInsertAndQueueDeleteEndsInTheHisto
   EXPECT_EQ(reports(), 0);
 }
 
-// Stopped after its report, before its queue row is marked processed: the
-// retry reports it again into the same row and marks it.
-TEST_F(TornJob, AnomalyStoppedBetweenReportAndMarkIsReportedOnce) {
+// An anomaly whose queue row cannot be marked processed: the report is taken
+// back with it, and the retry reports the job once.
+TEST_F(TornJob, AnomalyWhoseMarkFailsStaysPendingAndIsReportedOnceOnRetry) {
   make_plain_outlier();
   stop_before("UPDATE");
   pass();
   EXPECT_NE(log().find("Anomaly detected for job"), std::string::npos) << log();
   AuditResult state = audit(*db, expected, false);
   ASSERT_TRUE(state.ok()) << state.describe();
-  ASSERT_EQ(state.pending, 1) << "the trigger did not stop the job before it was marked processed";
+  ASSERT_EQ(state.pending, 1) << "the trigger did not stop the job's mark";
+  EXPECT_EQ(reports(), 0) << "the report outlived the failed mark";
 
   resume();
   pass();

@@ -17,10 +17,6 @@ using DetectionPassRules = PassFixture;
 using DetectionPassCornerCases = PassFixture;
 using DetectionPassFailures = PassFixture;
 
-bool contains(const Strings& lines, const std::string& line) {
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
 // The three eps lines of a normal job judged with a stored eps of 0.8 under
 // the given sensitivity setting.
 class DetectionPassSensitivity : public PassFixture {

@@ -4,6 +4,7 @@
 // text.
 #pragma once
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <jansson.h>
 #include <sqlite3.h>
@@ -18,7 +19,7 @@
 #include <vector>
 
 #include "platform/DebugLog.h"
-#include "service/ServiceTestFixture.h"
+#include "tests/support/ServiceTestFixture.h"
 #include "service/StopSignal.h"
 
 namespace pass_test {
@@ -48,6 +49,10 @@ inline const Cells kFarFeatures = {{"NUM_FILES", "5000"},
 inline Cells operator+(Cells a, const Cells& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
+}
+
+inline bool contains(const std::vector<std::string>& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 class PassFixture : public ServiceTestFixture {

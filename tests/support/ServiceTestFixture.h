@@ -57,6 +57,33 @@ class ServiceTestFixture : public ::testing::Test {
     close_debug_log();
   }
 
+  // The nearest cluster and one feature's statistics, as the pass hands
+  // them to the report.
+  static ClosestClusterInfo closest_to(int cluster_id, double distance = 1.5) {
+    ClosestClusterInfo closest;
+    closest.cluster_id = cluster_id;
+    closest.distance = distance;
+    return closest;
+  }
+  static anomaly_stat stat(double current, double usual_min, double usual_max) {
+    return anomaly_stat{current, usual_min, usual_max};
+  }
+
+  // One training record as the training query returns it: the five feature
+  // cells as text, plus the user-identified cluster.
+  static Row member(const std::string& num_files, const std::string& image_size,
+                    const std::string& kb_transferred = "0", const std::string& total_time = "0",
+                    const std::string& dedup_rate = "0") {
+    Row row;
+    row["NUM_FILES"] = Value(num_files);
+    row["IMAGE_SIZE"] = Value(image_size);
+    row["KB_TRANSFERRED"] = Value(kb_transferred);
+    row["TOTAL_TIME"] = Value(total_time);
+    row["DEDUP_RATE"] = Value(dedup_rate);
+    row["USER_IDENTIFIED_CLUSTER"] = Value(std::string("-1"));
+    return row;
+  }
+
   // Runs plain SQL on the service's own connection.
   void sql(const std::string& text) { service->database().execute_query(text); }
 
