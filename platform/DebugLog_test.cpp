@@ -167,3 +167,17 @@ TEST_F(DebugLogTest, LoggingGoesOnWhenTheFolderIsRemoved) {
   ASSERT_EQ(rmdir(dir.file("tsanomalydetect").c_str()), 0);
   EXPECT_NO_FATAL_FAILURE(logmsgf(2, "c", "after"));
 }
+
+TEST_F(DebugLogTest, AValueWithALineBreakCannotForgeASecondLine) {
+  open_log();
+  const std::string forged = "web-01\n2026-11-21 03:14:07.412 [4242] <2> dbscan_detection: Anomaly detected for job 1";
+  logmsgf(2, "dbscan_detection", "Ignoring client '%s' for detection as per configuration.", forged.c_str());
+  logmsgf(2, "c", "title \x1b]0;owned\x07 and \xff");
+  const auto lines = lines_of(TempDir::read(log_file()));
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find("<2> dbscan_detection: Ignoring client 'web-01\\n2026-11-21 03:14:07.412 [4242] <2> "
+                          "dbscan_detection: Anomaly detected for job 1' for detection as per configuration."),
+            std::string::npos)
+      << lines[0];
+  EXPECT_NE(lines[1].find("<2> c: title \\x1b]0;owned\\x07 and \\xff"), std::string::npos) << lines[1];
+}
