@@ -18,7 +18,7 @@
 #include "util/SafeFile.h"
 
 const char* const kReportHelp =
-    "usage: tsanomalyctl report DB -o FILE.html [--limit N]\n"
+    "usage: tsanomalyctl report DB -o FILE.html [--limit N] [--days D]\n"
     "\n"
     "Writes one HTML page about the anomalies in the detector database DB: a\n"
     "summary (how many, which clients, how recent, the most frequent kind), then\n"
@@ -27,11 +27,13 @@ const char* const kReportHelp =
     "no scripts, nothing fetched; open it in any browser, also offline.\n"
     "\n"
     "  -o, --output FILE  where to write the page (an existing file is replaced)\n"
-    "  --limit N          at most N cards (default 100); the summary counts all\n";
+    "  --limit N          at most N cards (default 100); the summary counts all\n"
+    "  --days D           chart the D days of history before each job (default 180)\n";
 
 namespace {
 
 constexpr long long kDefaultLimit = 100;
+constexpr long long kDefaultDays = 180;
 
 int usage_error(const std::string& message) { return CommandArgs::usage_error("report", message); }
 
@@ -64,8 +66,9 @@ std::optional<std::string> database_file_named(const std::string& database, cons
 }  // namespace
 
 int run_report(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{}, {"-o", "--output", "--limit"}, 1, 1});
+  CommandArgs args(argc, argv, {{}, {"-o", "--output", "--limit", "--days"}, 1, 1});
   const long long limit = args.integer("--limit", kDefaultLimit, 0, 1000000000);
+  const long long days = args.integer("--days", kDefaultDays, 1, 100000);
   if (auto exit_code = args.help_or_usage_error("report", kReportHelp)) return *exit_code;
   const auto output = args.value("-o") ? args.value("-o") : args.value("--output");
   if (!output) return usage_error("missing -o FILE.html: where to write the page");
@@ -77,12 +80,23 @@ int run_report(int argc, char** argv) {
   }
 
   try {
-    const AnomalyStore store(database);
-    const std::vector<AnomalyRecord> all = store.anomalies({});
+    AnomalyStore store(database);
+    // The summary needs every anomaly but no payload; payloads and
+    // histories are read for the cards shown only, one card at a time. One
+    // read transaction keeps the cards the newest of the anomalies counted.
+    store.database().begin_transaction();
+    const std::vector<AnomalyRecord> all = store.summaries();
     HtmlReport report(database, std::time(nullptr));
     report.summarise(all);
     const std::size_t shown = std::min(all.size(), static_cast<std::size_t>(limit));
-    for (std::size_t i = 0; i < shown; ++i) report.add_card(all[i], store.history_of(all[i]));
+    if (shown > 0) {
+      AnomalyStore::Filter cards;
+      cards.limit = static_cast<long long>(shown);
+      store.visit_anomalies(cards, [&](const AnomalyRecord& anomaly) {
+        report.add_card(anomaly, store.history_of(anomaly, static_cast<int>(days)));
+      });
+    }
+    store.database().commit_transaction();
     SafeFile::replace(*output, report.html());
     std::cout << "Wrote " << *output << ": " << shown << " of " << all.size()
               << (all.size() == 1 ? " anomaly" : " anomalies") << ".\n";
