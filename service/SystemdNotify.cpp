@@ -2,6 +2,7 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <cstdint>
 #include <cstdlib>
 
 #include "platform/VisibleText.h"
