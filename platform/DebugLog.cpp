@@ -1,17 +1,17 @@
 #include "platform/DebugLog.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
 #include <vector>
 
 #include "platform/LocalTime.h"
+#include "platform/LogFileOpen.h"
+#include "platform/VisibleText.h"
 
 namespace {
 
@@ -20,17 +20,16 @@ class DebugLog {
  public:
   ~DebugLog() { close(); }
 
-  bool open(const std::string& folder, const std::string& path, int mode) {
-    if (::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) {
-      return false;
-    }
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, static_cast<mode_t>(mode));
+  bool open(const std::string& folder, const std::string& file_name, int mode) {
+    const int fd = open_log_file(folder, file_name, mode);
     if (fd < 0) {
       return false;
     }
     close();
     fd_ = fd;
-    path_ = path;
+    folder_ = folder;
+    file_name_ = file_name;
+    path_ = folder + "/" + file_name;
     mode_ = mode;
     size_ = current_size();
     return true;
@@ -86,7 +85,7 @@ class DebugLog {
       for (int n = keep_ - 1; n >= 0; --n) {
         ::rename(numbered(n).c_str(), numbered(n + 1).c_str());
       }
-      const int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, static_cast<mode_t>(mode_));
+      const int fd = open_log_file(folder_, file_name_, mode_);
       if (fd >= 0) {
         ::close(fd_);
         fd_ = fd;
@@ -96,6 +95,8 @@ class DebugLog {
   }
 
   int fd_ = -1;
+  std::string folder_;
+  std::string file_name_;
   std::string path_;
   int mode_ = 0644;
   std::size_t size_ = 0;
@@ -138,7 +139,7 @@ std::string format_message(const char* format, va_list args) {
 int open_debug_log(const std::string& dir, const std::string& folder_name, const std::string& file_name, int mode,
                    int* status) {
   const std::string folder = dir + "/" + folder_name;
-  if (!the_log().open(folder, folder + "/" + file_name + ".log", mode)) {
+  if (!the_log().open(folder, file_name + ".log", mode)) {
     if (status != nullptr) {
       *status = -1;
     }
@@ -150,7 +151,10 @@ int open_debug_log(const std::string& dir, const std::string& folder_name, const
 void logmsgf(int level, const char* category, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  const std::string message = format_message(format, args);
+  // The formats are the program's own; the values put into them may come
+  // from anywhere, so whatever could break the line or act on a terminal is
+  // escaped.
+  const std::string message = visible_text(format_message(format, args));
   va_end(args);
   const std::string line = timestamp_now() + " [" + std::to_string(::getpid()) + "] <" + std::to_string(level) +
                            "> " + category + ": " + message + "\n";

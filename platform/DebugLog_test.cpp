@@ -186,3 +186,17 @@ TEST_F(DebugLogTest, NamedLevelsAreTheNumbersTheLinesCarry) {
   EXPECT_NE(lines[1].find("] <4> c: w"), std::string::npos) << lines[1];
   EXPECT_NE(lines[2].find("] <16> c: e"), std::string::npos) << lines[2];
 }
+
+TEST_F(DebugLogTest, AValueWithALineBreakCannotForgeASecondLine) {
+  open_log();
+  const std::string forged = "web-01\n2026-11-21 03:14:07.412 [4242] <2> dbscan_detection: Anomaly detected for job 1";
+  logmsgf(2, "dbscan_detection", "Ignoring client '%s' for detection as per configuration.", forged.c_str());
+  logmsgf(2, "c", "title \x1b]0;owned\x07 and \xff");
+  const auto lines = lines_of(TempDir::read(log_file()));
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find("<2> dbscan_detection: Ignoring client 'web-01\\n2026-11-21 03:14:07.412 [4242] <2> "
+                          "dbscan_detection: Anomaly detected for job 1' for detection as per configuration."),
+            std::string::npos)
+      << lines[0];
+  EXPECT_NE(lines[1].find("<2> c: title \\x1b]0;owned\\x07 and \\xff"), std::string::npos) << lines[1];
+}

@@ -1,10 +1,15 @@
 // The anomaly detection service: parses its six options, opens its debug
 // log, prints a short banner and runs detection passes until it is stopped.
+#include <unistd.h>
+
+#include <ctime>
 #include <exception>
 #include <iostream>
 
 #include "platform/DebugLog.h"
 #include "service/DetectionService.h"
+#include "service/SchemaFindings.h"
+#include "service/ServiceLoop.h"
 #include "service/ServiceOptions.h"
 #include "service/StopSignal.h"
 
@@ -21,7 +26,10 @@ int main(int argc, char** argv) {
     std::cout << "\nUsing EPS = " << options.eps << " and min samples = " << options.min_samples << std::flush;
     DetectionService service(options.database_location, options.database_file_name, options.eps,
                              static_cast<double>(options.min_samples), options.config_file);
-    service.start();
+    log_unknown_schema_objects(service.database());
+    // The rhythm of DetectionService::start, with the service manager told
+    // how the passes go when one started the service.
+    ServiceLoop(service, [] { return ::time(nullptr); }, [](unsigned seconds) { ::sleep(seconds); }).run();
     if (StopSignal::requested()) {
       logmsgf(kLogProgress, ServiceOptions::kProgramName, "Stopping on signal %d; pending jobs stay queued for the next start.",
               StopSignal::signal_number());

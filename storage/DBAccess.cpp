@@ -1,5 +1,6 @@
 #include "storage/DBAccess.h"
 
+#include "storage/DefensiveConnection.h"
 #include "storage/QueryResult.h"
 #include "storage/Statement.h"
 
@@ -35,6 +36,9 @@ void DBAccess::open_database() {
     handle = nullptr;
     throw sqlite_exception("Could not open database " + database_path);
   }
+  // The file may have been written by anyone who can write its folder: its
+  // triggers and views get no more than plain SQL.
+  make_defensive(handle);
 }
 
 // The handle is cleared so that an explicit close followed by the destructor

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/VisibleText.h"
 #include "tools/AnomalyStore.h"
 #include "tools/CommandArgs.h"
 #include "tools/ErrorText.h"
@@ -41,7 +42,9 @@ void print_table(const std::vector<AnomalyRecord>& records) {
   const std::vector<std::string> headers = {"ID", "CLIENT", "POLICY", "DETECTED", "SUMMARY", "SCORE"};
   std::vector<std::vector<std::string>> cells;
   for (const AnomalyRecord& r : records) {
-    cells.push_back({r.id, r.client, r.policy, TimeText::local(r.detection_time), r.summary, r.score});
+    // Every cell comes from the database: escaped so none can act on the terminal.
+    cells.push_back({visible_text(r.id), visible_text(r.client), visible_text(r.policy),
+                     TimeText::local(r.detection_time), visible_text(r.summary), visible_text(r.score)});
   }
   std::vector<size_t> widths;
   for (const std::string& header : headers) widths.push_back(header.size());
@@ -64,18 +67,22 @@ void print_table(const std::vector<AnomalyRecord>& records) {
   for (const auto& row : cells) print_row(row);
 }
 
+// JSON text must be UTF-8: a name or payload that is not keeps its member,
+// with U+FFFD for each byte that is not UTF-8.
+json_t* json_text(const std::string& text) { return json_string(valid_utf8(text).c_str()); }
+
 void print_json_lines(const std::vector<AnomalyRecord>& records) {
   for (const AnomalyRecord& r : records) {
     json_t* line = json_object();
-    json_object_set_new(line, "id", json_string(r.id.c_str()));
-    json_object_set_new(line, "client", json_string(r.client.c_str()));
-    json_object_set_new(line, "policy", json_string(r.policy.c_str()));
+    json_object_set_new(line, "id", json_text(r.id));
+    json_object_set_new(line, "client", json_text(r.client));
+    json_object_set_new(line, "policy", json_text(r.policy));
     json_object_set_new(line, "detection_time", json_string(TimeText::local(r.detection_time).c_str()));
     json_object_set_new(line, "detection_epoch", json_integer(static_cast<json_int_t>(r.detection_time)));
-    json_object_set_new(line, "summary", json_string(r.summary.c_str()));
-    json_object_set_new(line, "score", json_string(r.score.c_str()));
-    json_t* payload = json_loads(r.payload.c_str(), 0, nullptr);
-    json_object_set_new(line, "payload", payload != nullptr ? payload : json_string(r.payload.c_str()));
+    json_object_set_new(line, "summary", json_text(r.summary));
+    json_object_set_new(line, "score", json_text(r.score));
+    json_t* payload = json_loads(valid_utf8(r.payload).c_str(), 0, nullptr);
+    json_object_set_new(line, "payload", payload != nullptr ? payload : json_text(r.payload));
     char* text = json_dumps(line, JSON_COMPACT | JSON_PRESERVE_ORDER);
     std::cout << (text != nullptr ? text : "{}") << "\n";
     free(text);

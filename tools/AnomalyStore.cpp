@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
 
 namespace {
 
@@ -68,6 +70,12 @@ AnomalyStore::AnomalyStore(const std::string& path) : db_(open_read_only(path)) 
 }
 
 std::vector<AnomalyRecord> AnomalyStore::anomalies(const Filter& filter) const {
+  std::vector<AnomalyRecord> records;
+  visit_anomalies(filter, [&](const AnomalyRecord& record) { records.push_back(record); });
+  return records;
+}
+
+void AnomalyStore::visit_anomalies(const Filter& filter, const std::function<void(const AnomalyRecord&)>& visit) const {
   Statement st(db_.handle,
                "SELECT ANOMALY_UNIQUE_ID, ANOMALY_PAYLOAD, DETECTION_KEY, CLIENT, DETECTION_TIME FROM ANOMALY_DATA "
                "WHERE DETECTION_TIME >= ? AND (? = '' OR lower(CLIENT) = ?) ORDER BY DETECTION_TIME DESC, rowid DESC "
@@ -77,10 +85,28 @@ std::vector<AnomalyRecord> AnomalyStore::anomalies(const Filter& filter) const {
   st.bind(2, client);
   st.bind(3, client);
   st.bind(4, static_cast<double>(filter.limit.value_or(-1)));
-  Rows rows;
-  db_.read_data_prepared(st, rows);
+  db_.visit_records_prepared(st, [&](const auto& cursor) {
+    Row row;
+    for (int i = 0; i < cursor.cell_count(); ++i) row.emplace(cursor.column_name(i), Value(std::string(cursor.text(i))));
+    visit(to_record(row));
+  });
+}
+
+std::vector<AnomalyRecord> AnomalyStore::summaries() const {
+  // A payload that is not JSON, or whose summary is not text, gives an
+  // empty summary, as reading it with Jansson would.
+  Statement st(db_.handle,
+               "SELECT ANOMALY_UNIQUE_ID, CLIENT, DETECTION_TIME, CASE WHEN json_valid(ANOMALY_PAYLOAD) THEN CASE WHEN "
+               "json_type(ANOMALY_PAYLOAD, '$.Attributes.summary') = 'text' THEN json_extract(ANOMALY_PAYLOAD, "
+               "'$.Attributes.summary') END END AS SUMMARY FROM ANOMALY_DATA ORDER BY DETECTION_TIME DESC, rowid DESC");
   std::vector<AnomalyRecord> records;
-  for (Row& row : rows) records.push_back(to_record(row));
+  db_.visit_records_prepared(st, [&](const auto& cursor) {
+    AnomalyRecord& record = records.emplace_back();
+    record.id = cursor.text(0);
+    record.client = cursor.text(1);
+    record.detection_time = static_cast<int>(std::strtol(cursor.text(2), nullptr, 10));
+    record.summary = cursor.text(3);
+  });
   return records;
 }
 
@@ -95,7 +121,7 @@ std::optional<AnomalyRecord> AnomalyStore::find(const std::string& id) const {
   return to_record(rows[0]);
 }
 
-WorkloadHistory AnomalyStore::history_of(const AnomalyRecord& anomaly) const {
+WorkloadHistory AnomalyStore::history_of(const AnomalyRecord& anomaly, std::optional<int> days) const {
   WorkloadHistory result;
   Rows jobs;
   {
@@ -110,13 +136,14 @@ WorkloadHistory AnomalyStore::history_of(const AnomalyRecord& anomaly) const {
   Statement st(db_.handle,
                "SELECT BACKUP_TIME, NUM_FILES, IMAGE_SIZE, KB_TRANSFERRED, TOTAL_TIME, DEDUP_RATE FROM HIST_DATA "
                "WHERE CLIENT = ? AND POLICY = ? AND POLICY_TYPE = ? AND APP_TYPE = ? AND SCHEDULE_TYPE = ? AND "
-               "SCHEDULE_NAME = ? AND DESTINATION_STORAGE_NAME = ? AND ASSET_ID = ? AND MODE = 1 "
+               "SCHEDULE_NAME = ? AND DESTINATION_STORAGE_NAME = ? AND ASSET_ID = ? AND MODE = 1 AND BACKUP_TIME >= ? "
                "ORDER BY BACKUP_TIME");
   int index = 1;
   for (const char* column : {"CLIENT", "POLICY", "POLICY_TYPE", "APP_TYPE", "SCHEDULE_TYPE", "SCHEDULE_NAME",
                              "DESTINATION_STORAGE_NAME", "ASSET_ID"}) {
     st.bind(index++, std::string(job[column]));
   }
+  st.bind(index, days ? static_cast<double>(result.job.backup_time) - 86400.0 * *days : -1e300);
   Rows rows;
   db_.read_data_prepared(st, rows);
   for (Row& row : rows) result.history.push_back(to_point(row));

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <ctime>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -57,10 +58,18 @@ class AnomalyStore {
 
   // Newest first.
   std::vector<AnomalyRecord> anomalies(const Filter& filter) const;
+  // The same records handed to visit one at a time, none kept: for readers
+  // of large payloads.
+  void visit_anomalies(const Filter& filter, const std::function<void(const AnomalyRecord&)>& visit) const;
+  // Every anomaly, newest first, with its id, client, detection time and
+  // summary only: the payloads are read one at a time inside SQLite and never
+  // held, so a summary of thousands of large payloads stays small.
+  std::vector<AnomalyRecord> summaries() const;
   std::optional<AnomalyRecord> find(const std::string& id) const;
   // The queued job an anomaly was reported for and the history of its
-  // workload (same client, policy, schedule, application, storage, asset).
-  WorkloadHistory history_of(const AnomalyRecord& anomaly) const;
+  // workload (same client, policy, schedule, application, storage, asset);
+  // with days, only the history of that many days before the job.
+  WorkloadHistory history_of(const AnomalyRecord& anomaly, std::optional<int> days = std::nullopt) const;
 
   Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess& database() { return db_; }
 

@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include "service/DetectionService.h"
+#include "service/SchemaFindings.h"
 #include "service/ServiceOptions.h"
 
 const char* const kDetectHelp =
@@ -31,6 +32,7 @@ int run_detect(int argc, char** argv) {
   try {
     DetectionService service(options.database_location, options.database_file_name, options.eps,
                              static_cast<double>(options.min_samples), options.config_file);
+    log_unknown_schema_objects(service.database());
     service.do_detection();
   } catch (const std::exception& e) {
     std::cout << "\nError occurred while anomaly detection " << e.what() << std::flush;

@@ -5,6 +5,8 @@
 #include <iostream>
 #include <string>
 
+#include "platform/VisibleText.h"
+#include "schema/SchemaAudit.h"
 #include "storage/Statement.h"
 #include "tools/AnomalyStore.h"
 #include "tools/CommandArgs.h"
@@ -19,7 +21,8 @@ const char* const kStatusHelp =
     "Shows the queue (jobs pending detection, and reported jobs awaiting an\n"
     "operator's verdict), the history the detector trains on, the number of\n"
     "workloads and of calibrated models, and the anomalies of the last 24 hours,\n"
-    "the last 7 days and in total.\n";
+    "the last 7 days and in total; then any trigger or view in DB that the\n"
+    "detector's schema does not define.\n";
 
 namespace {
 
@@ -30,6 +33,16 @@ long long count(AnomalyStore& store, const std::string& sql, double bound = 0) {
   Rows rows;
   store.database().read_data_prepared(st, rows);
   return rows.empty() ? 0 : std::strtoll(rows[0]["N"].text().c_str(), nullptr, 10);
+}
+
+// Schema code the detector did not ship, as the service warns about it at
+// start-up: one line per trigger or view, by name.
+void print_unknown_schema_objects(AnomalyStore& store) {
+  for (const SchemaObject& object : unknown_schema_objects(store.database())) {
+    const std::string label = "Unknown " + object.type;
+    std::cout << label << std::string(28 - label.size(), ' ') << visible_text(object.name)
+              << " (not defined by the detector's schema)\n";
+  }
 }
 
 }  // namespace
@@ -56,6 +69,7 @@ int run_status(int argc, char** argv) {
     line("Anomalies, last 7 days",
          count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE DETECTION_TIME >= ?", now - 7 * 86400));
     line("Anomalies, total", count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA"));
+    print_unknown_schema_objects(store);
   } catch (const std::exception& e) {
     std::cerr << "tsanomalyctl status: " << ErrorText::of(e) << "\n";
     return 1;

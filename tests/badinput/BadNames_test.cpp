@@ -73,14 +73,15 @@ TEST_F(BadNames, ExcludedClientWithPercentSignsIsLoggedLiterally) {
   EXPECT_EQ(history_cell("k1", "CLIENT"), "%S%N");
 }
 
-TEST_F(BadNames, NamesWithNewlinesAreMatchedStoredAndReportedWholeWhileTheirLogLineIsSplit) {
+TEST_F(BadNames, NamesWithNewlinesAreMatchedStoredAndReportedWholeWhileTheirLogLineStaysOneLine) {
   const RawCells names = {{"CLIENT", "c\n1"}, {"POLICY", "p\r\n1"}, {"SCHEDULE_NAME", "\n"}};
   judge_usual_and_far_jobs(names);
   expect_names_kept(names);
-  // The log writes names as they are: the line breaks where the name does.
-  EXPECT_TRUE(has_line(result.log, info("Getting training set for detection client - c")));
-  EXPECT_TRUE(has_line(result.log, "1, policy - p\r"));
-  EXPECT_TRUE(has_line(result.log, "1 and job - 42."));
+  // The log shows the line breaks of a name as escapes: one message, one line.
+  EXPECT_TRUE(has_line(result.log, info("Getting training set for detection client - c\\n1, policy - p\\r\\n1 "
+                                        "and job - 42.")))
+      << testing::PrintToString(result.log);
+  EXPECT_FALSE(has_line(result.log, "1 and job - 42."));
 }
 
 TEST_F(BadNames, MultiByteUtf8NamesAreMatchedStoredAndReportedIntact) {

@@ -6,6 +6,10 @@ set -euo pipefail
 deb=$(ls "${1:-build-package}"/tsanomalydetect_*_amd64.deb | head -n 1)
 data_existed=no
 [ -e /var/lib/tsanomalydetect ] && data_existed=yes
+logs_existed=no
+[ -e /var/log/tsanomalydetect ] && logs_existed=yes
+user_existed=no
+getent passwd tsanomaly >/dev/null && user_existed=yes
 fail() { echo "deb_install_test: FAIL: $*" >&2; exit 1; }
 check() { "$@" || fail "$*"; }
 
@@ -24,6 +28,34 @@ grep -q '^ExecStart=/usr/bin/tsanomalydetect' /usr/lib/systemd/system/tsanomalyd
   || fail "postinst did not create an empty detector database"
 /usr/bin/tsanomalyctl --help | grep -q 'usage: tsanomalyctl' || fail "installed tool does not run"
 
+# The service's own system user owns its data and log folders (0750) and
+# its database (0640); nothing of it is readable by other users.
+owner_mode() { stat -c '%U:%G %a' "$1"; }
+getent passwd tsanomaly >/dev/null || fail "no system user tsanomaly"
+[ "$(id -u tsanomaly)" -lt 1000 ] || fail "tsanomaly is not a system user"
+case "$(getent passwd tsanomaly | cut -d: -f7)" in
+  */nologin|*/false) ;;
+  *) fail "tsanomaly has a login shell" ;;
+esac
+check test "$(owner_mode /var/lib/tsanomalydetect)" = "tsanomaly:tsanomaly 750"
+check test "$(owner_mode /var/log/tsanomalydetect)" = "tsanomaly:tsanomaly 750"
+check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsanomaly 640"
+unit=/usr/lib/systemd/system/tsanomalydetect.service
+for line in User=tsanomaly Type=notify StateDirectory=tsanomalydetect LogsDirectory=tsanomalydetect \
+            ConfigurationDirectory=tsanomalydetect; do
+  grep -qx "$line" "$unit" || fail "the unit lacks $line"
+done
+if command -v systemd-analyze >/dev/null; then
+  exposure=$(systemd-analyze security --offline=true --no-pager "$unit" 2>&1 |
+             sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
+  awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.0) }' || fail "installed unit exposure ${exposure:-unknown}"
+fi
+# A database left root-owned by an earlier version is handed over on upgrade.
+chown root:root /var/lib/tsanomalydetect/anomaly.db
+chmod 0644 /var/lib/tsanomalydetect/anomaly.db
+dpkg -i "$deb" >/dev/null
+check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsanomaly 640"
+
 # An administrator's edit survives removal; purge takes it away.
 echo '; edited by the administrator' >> /etc/tsanomalydetect/tsanomalydetect.ini
 dpkg -r tsanomalydetect >/dev/null
@@ -35,4 +67,9 @@ check test ! -e /etc/tsanomalydetect/tsanomalydetect.ini
 dpkg-query -W tsanomalydetect >/dev/null 2>&1 && fail "package still known after purge"
 
 if [ "$data_existed" = no ]; then rm -rf /var/lib/tsanomalydetect; fi
+if [ "$logs_existed" = no ]; then rm -rf /var/log/tsanomalydetect; fi
+if [ "$user_existed" = no ]; then
+  deluser --system --quiet tsanomaly >/dev/null 2>&1 || true
+  delgroup --system --quiet tsanomaly >/dev/null 2>&1 || true
+fi
 echo "deb_install_test: 1 passed, 0 failed"

@@ -1,0 +1,39 @@
+#include "platform/VisibleText.h"
+
+#include <gtest/gtest.h>
+
+TEST(VisibleText, PrintableAsciiAndUtf8AreUnchanged) {
+  EXPECT_EQ(visible_text("client-01 %s \\n 'quoted'"), "client-01 %s \\n 'quoted'");
+  EXPECT_EQ(visible_text("Kundé-客户-😀"), "Kundé-客户-😀");
+  EXPECT_EQ(visible_text(""), "");
+}
+
+TEST(VisibleText, LineBreaksAndTabsBecomeTheirEscapes) {
+  EXPECT_EQ(visible_text("a\nb\r\nc\td"), "a\\nb\\r\\nc\\td");
+}
+
+TEST(VisibleText, OtherControlCharactersBecomeHexEscapes) {
+  EXPECT_EQ(visible_text("\x1b]0;owned\x07\x1b[2J"), "\\x1b]0;owned\\x07\\x1b[2J");
+  EXPECT_EQ(visible_text(std::string("nul\0x", 5)), "nul\\x00x");
+  EXPECT_EQ(visible_text("del\x7f"), "del\\x7f");
+}
+
+TEST(VisibleText, C1ControlsAreEscapedLikeEsc) {
+  // U+009B is the single-character CSI that some terminals obey.
+  EXPECT_EQ(visible_text("x\xc2\x9b" "2J"), "x\\xc2\\x9b2J");
+  EXPECT_EQ(visible_text("\xc2\xa0"), "\xc2\xa0");  // U+00A0 is printable
+}
+
+TEST(VisibleText, BytesThatAreNotUtf8BecomeHexEscapes) {
+  EXPECT_EQ(visible_text("caf\xe9"), "caf\\xe9");
+  EXPECT_EQ(visible_text("\xff\xfe"), "\\xff\\xfe");
+  EXPECT_EQ(visible_text("\xc0\xaf"), "\\xc0\\xaf");          // overlong '/'
+  EXPECT_EQ(visible_text("\xed\xa0\x80"), "\\xed\\xa0\\x80");  // a surrogate
+  EXPECT_EQ(visible_text("\xe2\x82"), "\\xe2\\x82");          // cut short
+}
+
+TEST(ValidUtf8, InvalidBytesBecomeReplacementCharactersAndTheRestIsKept) {
+  EXPECT_EQ(valid_utf8("caf\xe9 ok"), "caf\xEF\xBF\xBD ok");
+  EXPECT_EQ(valid_utf8("Kundé\n"), "Kundé\n");
+  EXPECT_EQ(valid_utf8("\xff\xfe"), "\xEF\xBF\xBD\xEF\xBF\xBD");
+}
