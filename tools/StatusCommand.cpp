@@ -9,6 +9,8 @@
 #include "tools/AnomalyStore.h"
 #include "tools/CommandArgs.h"
 #include "tools/ErrorText.h"
+#include "tools/SchemaDiff.h"
+#include "tools/UpgradeCommand.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
@@ -19,7 +21,9 @@ const char* const kStatusHelp =
     "Shows the queue (jobs pending detection, and reported jobs awaiting an\n"
     "operator's verdict), the history the detector trains on, the number of\n"
     "workloads and of calibrated models, and the anomalies of the last 24 hours,\n"
-    "the last 7 days and in total.\n";
+    "the last 7 days and in total. Then, one line each, where the database\n"
+    "differs from the detector's schema (indexes, triggers, journal mode), with\n"
+    "what it costs and the 'tsanomalyctl upgrade' command to run.\n";
 
 namespace {
 
@@ -32,13 +36,22 @@ long long count(AnomalyStore& store, const std::string& sql, double bound = 0) {
   return rows.empty() ? 0 : std::strtoll(rows[0]["N"].text().c_str(), nullptr, 10);
 }
 
+void print_schema_findings(AnomalyStore& store, const std::string& path) {
+  for (const SchemaFinding& finding : SchemaDiff().compare(store.database(), path)) {
+    std::cout << "Schema" << std::string(22, ' ') << finding.what << ": " << finding.cost << " ("
+              << (finding.remedy == SchemaFinding::Remedy::by_hand ? "see: " : "run: ")
+              << upgrade_command(path, finding.remedy) << ")\n";
+  }
+}
+
 }  // namespace
 
 int run_status(int argc, char** argv) {
   CommandArgs args(argc, argv, {{}, {}, 1, 1});
   if (auto exit_code = args.help_or_usage_error("status", kStatusHelp)) return *exit_code;
   try {
-    AnomalyStore store(args.positional()[0]);
+    const std::string& path = args.positional()[0];
+    AnomalyStore store(path);
     const double now = static_cast<double>(std::time(nullptr));
     const auto line = [](const char* label, long long value) {
       std::cout << label << std::string(28 - std::string(label).size(), ' ') << value << "\n";
@@ -56,6 +69,7 @@ int run_status(int argc, char** argv) {
     line("Anomalies, last 7 days",
          count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE DETECTION_TIME >= ?", now - 7 * 86400));
     line("Anomalies, total", count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA"));
+    print_schema_findings(store, path);
   } catch (const std::exception& e) {
     std::cerr << "tsanomalyctl status: " << ErrorText::of(e) << "\n";
     return 1;

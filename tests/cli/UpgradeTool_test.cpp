@@ -1,7 +1,7 @@
-// tsanomalyctl upgrade, run as a child process on a database made the way
-// the backup product makes it (tests/support/plain_product_db.sql): the
-// detector's tables and rows, plain indexes on the workload key, no
-// triggers, a rollback journal.
+// tsanomalyctl upgrade and the schema lines of tsanomalyctl status, run as
+// child processes on a database made the way the backup product makes it
+// (tests/support/plain_product_db.sql): the detector's tables and rows,
+// plain indexes on the workload key, no triggers, a rollback journal.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
@@ -348,6 +348,28 @@ TEST_F(UpgradeToolTest, BuildingAnIndexShowsProgressOnATerminal) {
   EXPECT_EQ(exit_code, 0) << screen;
   EXPECT_TRUE(contains(screen, "\rCreating index HIST_DATA_BY_WORKLOAD on HIST_DATA ... done ")) << screen;
   EXPECT_TRUE(contains(screen, "Created index HIST_DATA_BY_WORKLOAD on HIST_DATA.")) << screen;
+}
+
+TEST_F(UpgradeToolTest, StatusShowsEachDifferenceOnOneLineWithTheCommandToRun) {
+  ASSERT_EQ(ctl({"status", db_path}), 0) << child->err();
+  std::istringstream lines(child->out());
+  std::vector<std::string> schema_lines;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("Schema ", 0) == 0) schema_lines.push_back(line);
+  }
+  ASSERT_EQ(schema_lines.size(), std::size(kDifferences)) << child->out();
+  EXPECT_EQ(child->out().rfind("Pending jobs ", 0), 0u);
+  for (size_t i = 0; i + 1 < schema_lines.size(); ++i) {
+    EXPECT_TRUE(contains(schema_lines[i], "(run: tsanomalyctl upgrade " + db_path + " --apply)")) << schema_lines[i];
+  }
+  EXPECT_TRUE(contains(schema_lines.back(), "journal mode delete, not WAL: a reader blocks the product's queue "
+                                            "writer"))
+      << schema_lines.back();
+  EXPECT_TRUE(contains(schema_lines.back(), "(run: tsanomalyctl upgrade " + db_path + " --apply --wal)"));
+
+  ASSERT_EQ(ctl({"upgrade", db_path, "--apply", "--wal"}), 0);
+  ASSERT_EQ(ctl({"status", db_path}), 0);
+  EXPECT_FALSE(contains(child->out(), "Schema")) << child->out();
 }
 
 TEST_F(UpgradeToolTest, UsageErrorsExitTwoAndHelpNamesTheOptions) {
