@@ -148,7 +148,11 @@ std::vector<SchemaFinding> create_missing(DBAccess& db, const std::string& path)
   for (const SchemaFinding& finding : findings) {
     if (finding.remedy != Remedy::create) continue;
     TerminalProgress progress(db.handle, "Creating " + finding.object);
-    db.execute_query(finding.sql);
+    try {
+      db.execute_query(finding.sql);
+    } catch (const sqlite_exception& e) {
+      throw sqlite_exception("cannot create " + finding.object, e.inner_message());
+    }
   }
   // In a rollback journal even an empty commit waits for every reader to
   // go; with nothing written there is nothing to wait for.

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -348,6 +349,30 @@ TEST_F(UpgradeToolTest, BuildingAnIndexShowsProgressOnATerminal) {
   EXPECT_EQ(exit_code, 0) << screen;
   EXPECT_TRUE(contains(screen, "\rCreating index HIST_DATA_BY_WORKLOAD on HIST_DATA ... done ")) << screen;
   EXPECT_TRUE(contains(screen, "Created index HIST_DATA_BY_WORKLOAD on HIST_DATA.")) << screen;
+}
+
+// A history whose pages cannot be read: the comparison, which reads only the
+// schema, succeeds; building the first index on the history fails, and the
+// index built before it is rolled back with it.
+TEST_F(UpgradeToolTest, AnIndexThatCannotBeBuiltLeavesNothingHalfDone) {
+  const int root = query(db_path, "SELECT rootpage FROM sqlite_master WHERE name = 'HIST_DATA'")[0]["rootpage"];
+  const int page_size = query(db_path, "PRAGMA page_size")[0]["page_size"];
+  {
+    std::fstream file(db_path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(root - 1) * page_size);
+    file.write(std::string(16, '\xff').data(), 16);
+  }
+  const std::string before = file_bytes();
+  int exit_code = -1;
+  const std::string screen = run_on_terminal({TSANOMALYCTL_PATH, "upgrade", db_path, "--apply"}, exit_code);
+  EXPECT_EQ(exit_code, 1) << screen;
+  EXPECT_TRUE(contains(screen, "\rCreating index DATA_TO_PROCESS_BY_STATUS on DATA_TO_PROCESS ... done ")) << screen;
+  EXPECT_TRUE(contains(screen, "\rCreating index HIST_DATA_BY_STREAM on HIST_DATA ... failed ")) << screen;
+  EXPECT_TRUE(contains(screen, "tsanomalyctl upgrade: cannot create index HIST_DATA_BY_STREAM on HIST_DATA "
+                               "(database disk image is malformed); nothing was changed"))
+      << screen;
+  EXPECT_FALSE(contains(screen, "Created")) << screen;
+  EXPECT_TRUE(file_bytes() == before);
 }
 
 TEST_F(UpgradeToolTest, StatusShowsEachDifferenceOnOneLineWithTheCommandToRun) {
