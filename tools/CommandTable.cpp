@@ -9,6 +9,7 @@
 #include "tools/ReportCommand.h"
 #include "tools/SimulateCommand.h"
 #include "tools/StatusCommand.h"
+#include "tools/UpgradeCommand.h"
 
 namespace {
 
@@ -20,6 +21,7 @@ const Command kCommands[] = {
     {"report", "write an HTML page of the anomalies with charts", kReportHelp, run_report},
     {"status", "queue, history, models and recent anomalies", kStatusHelp, run_status},
     {"simulate", "fill a database with synthetic backup jobs", kSimulateHelp, run_simulate},
+    {"upgrade", "compare a database with the detector's schema; add what is missing", kUpgradeHelp, run_upgrade},
 };
 
 }  // namespace

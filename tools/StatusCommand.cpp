@@ -11,6 +11,8 @@
 #include "tools/AnomalyStore.h"
 #include "tools/CommandArgs.h"
 #include "tools/ErrorText.h"
+#include "tools/SchemaDiff.h"
+#include "tools/UpgradeCommand.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
@@ -22,7 +24,9 @@ const char* const kStatusHelp =
     "operator's verdict), the history the detector trains on, the number of\n"
     "workloads and of calibrated models, and the anomalies of the last 24 hours,\n"
     "the last 7 days and in total; then any trigger or view in DB that the\n"
-    "detector's schema does not define.\n";
+    "detector's schema does not define; then, one line each, where the database\n"
+    "differs from the detector's schema (indexes, triggers, journal mode), with\n"
+    "what it costs and the 'tsanomalyctl upgrade' command to run.\n";
 
 namespace {
 
@@ -45,13 +49,22 @@ void print_unknown_schema_objects(AnomalyStore& store) {
   }
 }
 
+void print_schema_findings(AnomalyStore& store, const std::string& path) {
+  for (const SchemaFinding& finding : SchemaDiff().compare(store.database(), path)) {
+    std::cout << "Schema" << std::string(22, ' ') << visible_text(finding.what) << ": " << finding.cost << " ("
+              << (finding.remedy == SchemaFinding::Remedy::by_hand ? "see: " : "run: ")
+              << upgrade_command(path, finding.remedy) << ")\n";
+  }
+}
+
 }  // namespace
 
 int run_status(int argc, char** argv) {
   CommandArgs args(argc, argv, {{}, {}, 1, 1});
   if (auto exit_code = args.help_or_usage_error("status", kStatusHelp)) return *exit_code;
   try {
-    AnomalyStore store(args.positional()[0]);
+    const std::string& path = args.positional()[0];
+    AnomalyStore store(path);
     const double now = static_cast<double>(std::time(nullptr));
     const auto line = [](const char* label, long long value) {
       std::cout << label << std::string(28 - std::string(label).size(), ' ') << value << "\n";
@@ -70,6 +83,7 @@ int run_status(int argc, char** argv) {
          count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE DETECTION_TIME >= ?", now - 7 * 86400));
     line("Anomalies, total", count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA"));
     print_unknown_schema_objects(store);
+    print_schema_findings(store, path);
   } catch (const std::exception& e) {
     std::cerr << "tsanomalyctl status: " << ErrorText::of(e) << "\n";
     return 1;
