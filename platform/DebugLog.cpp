@@ -136,6 +136,15 @@ std::string format_message(const char* format, va_list args) {
 
 }  // namespace
 
+namespace {
+
+DebugLogSink& the_sink() {
+  static DebugLogSink sink;
+  return sink;
+}
+
+}  // namespace
+
 int open_debug_log(const std::string& dir, const std::string& folder_name, const std::string& file_name, int mode,
                    int* status) {
   const std::string folder = dir + "/" + folder_name;
@@ -156,10 +165,16 @@ void logmsgf(int level, const char* category, const char* format, ...) {
   // escaped.
   const std::string message = visible_text(format_message(format, args));
   va_end(args);
+  if (the_sink()) {
+    the_sink()(level, category, message);
+    return;
+  }
   const std::string line = timestamp_now() + " [" + std::to_string(::getpid()) + "] <" + std::to_string(level) +
                            "> " + category + ": " + message + "\n";
   the_log().write_line(line);
 }
+
+void set_debug_log_sink(DebugLogSink sink) { the_sink() = std::move(sink); }
 
 void close_debug_log() { the_log().close(); }
 

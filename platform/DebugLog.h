@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 
 // The levels the detector logs at: progress and ordinary outcomes, the
@@ -23,6 +24,13 @@ int open_debug_log(const std::string& dir, const std::string& folder_name, const
 // Writes one line at level under category; format follows printf's rules.
 // Before open_debug_log succeeds, lines are discarded.
 void logmsgf(int level, const char* category, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+// While a sink is set, logmsgf hands each message (escaped as a line would
+// carry it, without time stamp and process id) to the sink instead of the
+// file. A program that explains what the detector would do collects the
+// detector's own lines this way. An empty function removes the sink.
+using DebugLogSink = std::function<void(int level, const char* category, const std::string& message)>;
+void set_debug_log_sink(DebugLogSink sink);
 
 // Closes the log; later logmsgf calls are discarded until it is opened again.
 void close_debug_log();

@@ -200,3 +200,19 @@ TEST_F(DebugLogTest, AValueWithALineBreakCannotForgeASecondLine) {
       << lines[0];
   EXPECT_NE(lines[1].find("<2> c: title \\x1b]0;owned\\x07 and \\xff"), std::string::npos) << lines[1];
 }
+
+TEST_F(DebugLogTest, ASinkReceivesTheMessagesInsteadOfTheFile) {
+  open_log();
+  std::vector<std::string> seen;
+  set_debug_log_sink([&](int level, const char* category, const std::string& message) {
+    seen.push_back(std::to_string(level) + " " + category + " " + message);
+  });
+  logmsgf(kLogWarning, "c", "value %s", "a\nb");
+  set_debug_log_sink({});
+  logmsgf(kLogProgress, "c", "to the file");
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0], "4 c value a\\nb");
+  const auto lines = lines_of(TempDir::read(log_file()));
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("<2> c: to the file"), std::string::npos);
+}

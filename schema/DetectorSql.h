@@ -27,6 +27,11 @@ inline constexpr const char* kSelectLastBackupTime =
     "SELECT MAX(BACKUP_TIME) FROM HIST_DATA WHERE  CLIENT                   = ? AND  POLICY                   = ? AND  "
     "POLICY_TYPE              = ? AND  APP_TYPE                 = ? AND  SCHEDULE_TYPE            = ? AND  "
     "SCHEDULE_NAME            = ? AND  DESTINATION_STORAGE_NAME = ? AND  ASSET_ID                 = ? ";
+// Opt-in (JUDGE_ON_FALLBACK_FEATURES=1) for a job judged on the fallback
+// set: its workload's last backup on any storage, as that set spans them.
+inline constexpr const char* kSelectLastBackupTimeAnyStorage =
+    "SELECT MAX(BACKUP_TIME) FROM HIST_DATA WHERE CLIENT = ? AND POLICY = ? AND POLICY_TYPE = ? AND APP_TYPE = ? AND "
+    "SCHEDULE_TYPE = ? AND SCHEDULE_NAME = ? AND ASSET_ID = ?";
 inline constexpr const char* kCountHistoryAnyStorage =
     "SELECT COUNT(*)  FROM HIST_DATA  WHERE  CLIENT                   = ? AND  POLICY                   = ? AND  "
     "POLICY_TYPE              = ? AND  APP_TYPE                 = ? AND  SCHEDULE_TYPE            = ? AND  "

@@ -73,7 +73,8 @@ void DetectionService::do_detection() {
 }
 
 // Exclusions, training-set selection and calibration; a failure here that
-// no step handles ends the pass (the caller catches it).
+// no step handles ends the pass (the caller catches it) before the job is
+// shown to an observer.
 void DetectionService::judge_pending_job(const Row& pending, const PassSettings& settings) {
   Job job;
   job.row = pending;
@@ -82,13 +83,20 @@ void DetectionService::judge_pending_job(const Row& pending, const PassSettings&
   job.unique_key = std::string(cell(job.row, "UNIQUE_KEY"));
   // Whatever the queue held, a job enters the history without a user verdict.
   job.row["USER_IDENTIFIED_CLUSTER"] = Value(-1);
+  take_through_steps(job, settings);
+  if (job_observer) {
+    job_observer(job);
+  }
+}
 
+void DetectionService::take_through_steps(Job& job, const PassSettings& settings) {
   if (accept_if_excluded(job, settings) || accept_if_stream_lacks_history(job) ||
       select_training_set(job, settings)) {
     return;
   }
   if (is_calibration_required(job.row)) {
     calibrate(job.row, job.training, job.full_feature_set);
+    job.calibrated = true;
   }
   if (capture_current_observation(job, settings)) {
     return;
@@ -154,8 +162,8 @@ bool DetectionService::accept_if_stream_lacks_history(Job& job) {
 
 // Chooses the training set; true when the job was accepted for want of one.
 bool DetectionService::select_training_set(Job& job, const PassSettings& settings) {
-  int stream_count = 0;
-  int min_required = 0;
+  int& stream_count = job.stream_count;
+  int& min_required = job.min_required;
   try {
     min_required = std::min(get_adj_min_observations_required(job.row, settings.min_observations, stream_count),
                             settings.max_observations);
@@ -168,7 +176,8 @@ bool DetectionService::select_training_set(Job& job, const PassSettings& setting
     accept_as_valid(job.row);
     return true;
   }
-  const int training_limit = stream_count != 0 ? settings.max_observations : kSingleStreamTrainingLimit;
+  job.training_limit = stream_count != 0 ? settings.max_observations : kSingleStreamTrainingLimit;
+  const int training_limit = job.training_limit;
 
   logmsgf(kLogProgress, kCategory, "Getting training set for detection client - %s, policy - %s and job - %d.",
           job.client.c_str(), job.policy.c_str(), job.job_id);
@@ -190,11 +199,10 @@ bool DetectionService::select_training_set(Job& job, const PassSettings& setting
 // which leaves the job pending.
 bool DetectionService::capture_current_observation(Job& job, const PassSettings& settings) {
   logmsgf(kLogProgress, kCategory, "Preparing input data for detection.");
-  const std::set<std::string> disabled = settings.disabled_features_for(job.policy_type);
-  // The job always offers every enabled feature of the five, whichever
-  // training set was chosen: with the two-feature fallback the matrix is
-  // ragged and standardisation rejects it.
-  job.observation = feature_matrix::observation_of(job.row, kFeatureCount, disabled);
+  job.disabled = settings.disabled_features_for(job.policy_type);
+  const std::set<std::string>& disabled = job.disabled;
+  job.observed_features = settings.observed_feature_count(job.full_feature_set);
+  job.observation = feature_matrix::observation_of(job.row, job.observed_features, disabled);
   if (job.observation.empty()) {
     logmsgf(kLogProgress, kCategory, "All features are disabled for policy type = %s. Detection aborted.",
             job.policy_type.c_str());

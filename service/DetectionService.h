@@ -108,6 +108,9 @@ class DetectionService {
 
   // Validation look-ups.
   int get_last_backup_for_anomaly_detected_backup(const Row& record, int full_feature_set);
+  // The workload's last backup on any storage, or -1 (opt-in look-up for a
+  // job judged on the fallback set, which spans storages).
+  int get_last_backup_on_any_storage(const Row& record);
   // 0 when a user-confirmed training row lies within eps (inclusive) of the
   // job (matrix row 0), 1 when the job stays an anomaly.
   int check_anomaly_with_user_identified_cluster(const Row& record, const TrainingRecords& training_rows,
@@ -136,6 +139,13 @@ class DetectionService {
   void report_anomaly(const Row& record, const ClosestClusterInfo& closest, const Records& training_rows,
                       const std::vector<int>& labels, int full_feature_set, const AnomalyStats& stats);
 
+  // One pending job on its way through a pass (service/PendingJob.h).
+  struct Job;
+  // Called with each job the pass has decided (or left pending), before the
+  // job is released; for tools that explain a judgement. It must not throw.
+  using JobObserver = std::function<void(const Job&)>;
+  void set_job_observer(JobObserver observer) { job_observer = std::move(observer); }
+
   const std::vector<std::string>& get_feature_list() const { return feature_list; }
   DBAccess& database() { return *db; }
   // Where the service reads the wall clock and how it waits; tests pin them.
@@ -146,7 +156,6 @@ class DetectionService {
  private:
   using Statement = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
   using StatementCache = Corvane::Tessaryn::UsageReporting::SQLiteDatabase::StatementCache;
-  struct Job;  // one pending job on its way through the pass (DetectionPass.cpp)
 
   // A statement for one of the detector's texts: during a pass's jobs
   // borrowed from the pass's statement cache, otherwise compiled for this
@@ -156,12 +165,13 @@ class DetectionService {
   // The steps of one job, in pass order; each that returns bool returns
   // true when it decided the job's outcome.
   void judge_pending_job(const Row& pending, const PassSettings& settings);
+  void take_through_steps(Job& job, const PassSettings& settings);
   bool accept_if_excluded(Job& job, const PassSettings& settings);
   bool accept_if_stream_lacks_history(Job& job);
   bool select_training_set(Job& job, const PassSettings& settings);
   bool capture_current_observation(Job& job, const PassSettings& settings);
   void judge_observation(Job& job, const PassSettings& settings);
-  double detection_eps(const Row& row, const PassSettings& settings);
+  double detection_eps(Job& job, const PassSettings& settings);
   bool accept_if_a_rule_explains(Job& job, const PassSettings& settings, const Matrix& matrix, double adjusted_eps,
                                  DBScan& dbscan);
   void accept_or_report_by_cluster_range(Job& job, const std::vector<int>& labels, DBScan& dbscan);
@@ -170,6 +180,7 @@ class DetectionService {
                       const std::vector<double>& observation) const;
 
   void accept_as_valid(const Row& row);
+  int read_last_backup_time(Statement& st, const Row& record);
   void read_training_records(Statement& st, Rows& records);
   void read_training_records(Statement& st, TrainingRecords& records);
 
@@ -188,4 +199,5 @@ class DetectionService {
   std::vector<std::string> feature_list;
   Clock now;
   Sleep sleep_for;
+  JobObserver job_observer;
 };

@@ -41,12 +41,13 @@ void DetectionService::judge_observation(Job& job, const PassSettings& settings)
   logmsgf(kLogProgress, kCategory, "Completed StandardizeData activity.");
   // The clusterer's rows are the standardised matrix itself, which is read
   // (never changed) from here on.
-  const Observations observations{std::move(job.matrix), num_features, num_rows};
+  job.observations = Observations{std::move(job.matrix), num_features, num_rows};
+  const Observations& observations = job.observations;
 
-  const double adjusted_eps = detection_eps(job.row, settings);
+  const double adjusted_eps = detection_eps(job, settings);
   DBScan dbscan(adjusted_eps, min_samples_as_int(), kDetectionRunMode);
   logmsgf(kLogProgress, kCategory, "Calling DBScan for detection for job %d", job.job_id);
-  std::vector<int> labels;
+  std::vector<int>& labels = job.labels;
   dbscan.Run(observations, labels);
   logmsgf(kLogProgress, kCategory, "Done detection.");
 
@@ -70,22 +71,28 @@ void DetectionService::judge_observation(Job& job, const PassSettings& settings)
 }
 
 // The workload's stored eps (or the command line's), scaled by the sensitivity.
-double DetectionService::detection_eps(const Row& row, const PassSettings& settings) {
+double DetectionService::detection_eps(Job& job, const PassSettings& settings) {
   Rows params;
-  get_dbscan_params(row, params);
+  get_dbscan_params(job.row, params);
   const double model_eps = params.empty() ? eps : static_cast<double>(params[0]["EPS"]);
+  job.model_eps = model_eps;
   logmsgf(kLogProgress, kCategory, "Calculated eps = %f ", model_eps);
   logmsgf(kLogProgress, kCategory, "Using sensitivity parameter %d", settings.sensitivity);
-  const double adjusted_eps = settings.adjusted_eps(model_eps);
-  logmsgf(kLogProgress, kCategory, "Adjusted eps = %f ", adjusted_eps);
-  return adjusted_eps;
+  job.adjusted_eps = settings.adjusted_eps(model_eps);
+  logmsgf(kLogProgress, kCategory, "Adjusted eps = %f ", job.adjusted_eps);
+  return job.adjusted_eps;
 }
 
 // The first two rules that can still accept an outlier: a long gap since the
 // workload's previous backup, and a match with a user-confirmed observation.
 bool DetectionService::accept_if_a_rule_explains(Job& job, const PassSettings& settings, const Matrix& matrix,
                                                  double adjusted_eps, DBScan& dbscan) {
-  const int last_backup = get_last_backup_for_anomaly_detected_backup(job.row, job.full_feature_set);
+  // Judged on the fallback set (opt-in), the job's previous backup is its
+  // workload's latest on any storage: the stand-in storage name of the
+  // specified look-up matches no row, and the job would always pass as late.
+  const bool across_storages = settings.judge_on_fallback_features && job.full_feature_set != 1;
+  const int last_backup = across_storages ? get_last_backup_on_any_storage(job.row)
+                                          : get_last_backup_for_anomaly_detected_backup(job.row, job.full_feature_set);
   const int backup_time = cell(job.row, "BACKUP_TIME");
   if (last_backup != -1 &&
       wrap_to_int32(static_cast<int64_t>(backup_time) - last_backup) > settings.day_gap_seconds) {
@@ -107,12 +114,13 @@ bool DetectionService::accept_if_a_rule_explains(Job& job, const PassSettings& s
 // cluster's range is accepted (and its workload recalibrated); any other is
 // reported.
 void DetectionService::accept_or_report_by_cluster_range(Job& job, const std::vector<int>& labels, DBScan& dbscan) {
-  const ClosestClusterInfo closest = dbscan.get_closest_cluster_for_observation(0);
+  job.closest = dbscan.get_closest_cluster_for_observation(0);
+  const ClosestClusterInfo& closest = *job.closest;
   // The pass's own call, whose members are not used: get_anomaly_stat
   // gathers them again. It is kept as the pass has always made it.
   FeatureValues members;
   get_observations_in_cluster(closest, job.training, labels, job.full_feature_set, members);
-  AnomalyStats stats;
+  AnomalyStats& stats = job.stats;
   get_anomaly_stat(job.row, closest, job.training, labels, job.full_feature_set, stats);
   if (stats.empty()) {
     request_re_calibration(job);

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "config/Configuration.h"
+#include "service/Features.h"
 #include "storage/Value.h"
 #include "util/Int32.h"
 #include "util/Text.h"
@@ -46,6 +47,8 @@ PassSettings PassSettings::read(const std::string& config_file) {
     settings.max_observations = kDefaultMaxObservations;
   }
   settings.log_model_data = setting_as_int(config, "META_DATA", "LOG_MODEL_DATA") == 1;
+  settings.judge_on_fallback_features =
+      setting_as_int(config, "ANOMALY_MODEL_SETTINGS", "JUDGE_ON_FALLBACK_FEATURES") == 1;
   // 32-bit like the product has always computed it: a huge day count wraps.
   settings.day_gap_seconds = wrap_to_int32(static_cast<int64_t>(settings.days_to_ignore) * kSecondsPerDay);
   return settings;
@@ -58,4 +61,11 @@ std::set<std::string> PassSettings::disabled_features_for(const std::string& pol
 
 double PassSettings::adjusted_eps(double eps) const {
   return eps + eps * (static_cast<double>(sensitivity) / 100.0);
+}
+
+int PassSettings::observed_feature_count(int full_feature_set) const {
+  // Without the setting the job always offers all five, whichever set was
+  // chosen: with the fallback the matrix is then ragged and standardisation
+  // rejects it, so the job stays pending.
+  return judge_on_fallback_features ? feature_set_size(full_feature_set) : kFeatureCount;
 }

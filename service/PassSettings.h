@@ -20,6 +20,9 @@ struct PassSettings {
   int days_to_ignore = 0;    // long-gap rule, in days, at least 1
   int max_observations = 0;  // at least 1
   bool log_model_data = false;
+  // Opt-in: a job that gets the two-feature fallback training set is judged
+  // on those two features too, instead of offering all five and failing.
+  bool judge_on_fallback_features = false;
   int32_t day_gap_seconds = 0;  // days_to_ignore in seconds, 32-bit like the product
 
   // Reads config_file (none or unreadable: the built-in defaults).
@@ -29,4 +32,7 @@ struct PassSettings {
   std::set<std::string> disabled_features_for(const std::string& policy_type) const;
   // eps scaled by the sensitivity, in the product's order of operations.
   double adjusted_eps(double eps) const;
+  // How many features (in matrix order) the job's own row offers for a
+  // training set of this kind.
+  int observed_feature_count(int full_feature_set) const;
 };

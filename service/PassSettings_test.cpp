@@ -64,4 +64,18 @@ TEST_F(PassSettingsTest, DisabledFeaturesAreFoundForAPolicyTypeInAnyCase) {
   EXPECT_TRUE(s.disabled_features_for("Oracle").empty());
 }
 
+TEST_F(PassSettingsTest, JudgingOnFallbackFeaturesIsOnOnlyForOne) {
+  EXPECT_FALSE(PassSettings::read("").judge_on_fallback_features);
+  for (const char* value : {"0", "2", "yes", "", "-1"}) {
+    EXPECT_FALSE(read(std::string("[ANOMALY_MODEL_SETTINGS]\nJUDGE_ON_FALLBACK_FEATURES=") + value + "\n")
+                     .judge_on_fallback_features)
+        << value;
+  }
+  const PassSettings on = read("[ANOMALY_MODEL_SETTINGS]\nJUDGE_ON_FALLBACK_FEATURES=1\n");
+  EXPECT_TRUE(on.judge_on_fallback_features);
+  EXPECT_EQ(on.observed_feature_count(0), 2);
+  EXPECT_EQ(on.observed_feature_count(1), 5);
+  EXPECT_EQ(PassSettings::read("").observed_feature_count(0), 5);
+}
+
 }  // namespace

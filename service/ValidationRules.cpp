@@ -21,16 +21,26 @@ constexpr int kNoUserVerdict = -1;  // USER_IDENTIFIED_CLUSTER of a row no user 
 }  // namespace
 
 int DetectionService::get_last_backup_for_anomaly_detected_backup(const Row& record, int full_feature_set) {
-  const job_key::Texts names = job_key::texts_of(record, {"CLIENT", "POLICY"});
   // The fallback set spans storages, and its look-up uses the stand-in name.
   const std::string storage =
       full_feature_set == 1 ? std::string(cell(record, "DESTINATION_STORAGE_NAME")) : job_key::kNoStorage;
   Statement st = statement(detector_sql::kSelectLastBackupTime);
   job_key::bind_texts(st, job_key::plus(job_key::history_key(record), {storage, cell(record, "ASSET_ID")}));
+  return read_last_backup_time(st, record);
+}
+
+int DetectionService::get_last_backup_on_any_storage(const Row& record) {
+  Statement st = statement(detector_sql::kSelectLastBackupTimeAnyStorage);
+  job_key::bind_texts(st, job_key::plus(job_key::history_key(record), {cell(record, "ASSET_ID")}));
+  return read_last_backup_time(st, record);
+}
+
+int DetectionService::read_last_backup_time(Statement& st, const Row& record) {
   Rows rows;
   try {
     db->read_data_prepared(st, rows);
   } catch (...) {
+    const job_key::Texts names = job_key::texts_of(record, {"CLIENT", "POLICY"});
     logmsgf(kLogError, kCategory, "Could not get last known backup time for client - %s, policy - %s.",
             names[0].c_str(), names[1].c_str());
     return -1;
