@@ -57,19 +57,3 @@ std::string visible_text(std::string_view text) {
   }
   return out;
 }
-
-std::string valid_utf8(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size();) {
-    const std::size_t length = text::utf8_sequence_length(text, i);
-    if (length == 0) {
-      out += "\xEF\xBF\xBD";
-      ++i;
-    } else {
-      out.append(text.substr(i, length));
-      i += length;
-    }
-  }
-  return out;
-}

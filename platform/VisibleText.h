@@ -13,7 +13,3 @@
 // obey like ESC) and every byte that is not part of a valid UTF-8 sequence
 // are written as escapes; everything else is copied.
 std::string visible_text(std::string_view text);
-
-// The same text with each byte that is not part of a valid UTF-8 sequence
-// replaced by U+FFFD: what JSON output needs, which must be UTF-8.
-std::string valid_utf8(std::string_view text);

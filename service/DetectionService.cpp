@@ -40,6 +40,17 @@ DetectionService::DetectionService(const std::string& database_location, const s
   init_feature_list();
 }
 
+DetectionService::DetectionService(std::unique_ptr<DBAccess> session, double eps, double min_samples,
+                                   const std::string& config_file)
+    : config_file(config_file),
+      db(std::move(session)),
+      eps(eps),
+      min_samples(min_samples),
+      now([] { return ::time(nullptr); }),
+      sleep_for([](unsigned seconds) { ::sleep(seconds); }) {
+  init_feature_list();
+}
+
 DetectionService::~DetectionService() = default;
 
 void DetectionService::init_feature_list() {

@@ -55,6 +55,9 @@ class DetectionService {
   // a plain std::exception.
   DetectionService(const std::string& database_location, const std::string& database_file_name, double eps,
                    double min_samples, const std::string& config_file);
+  // A service on a session the caller opened (for instance an in-memory
+  // copy of a workload's data): the same passes, on that database.
+  DetectionService(std::unique_ptr<DBAccess> session, double eps, double min_samples, const std::string& config_file);
   ~DetectionService();
   DetectionService(const DetectionService&) = delete;
   DetectionService& operator=(const DetectionService&) = delete;

@@ -12,6 +12,7 @@
 #include "tools/CommandArgs.h"
 #include "tools/ErrorText.h"
 #include "tools/TimeText.h"
+#include "util/Text.h"
 
 const char* const kAnomaliesHelp =
     "usage: tsanomalyctl anomalies DB [--json] [--client NAME] [--since DATE] [--limit N]\n"
@@ -69,7 +70,7 @@ void print_table(const std::vector<AnomalyRecord>& records) {
 
 // JSON text must be UTF-8: a name or payload that is not keeps its member,
 // with U+FFFD for each byte that is not UTF-8.
-json_t* json_text(const std::string& text) { return json_string(valid_utf8(text).c_str()); }
+json_t* json_text(const std::string& text) { return json_string(text::as_utf8(text).c_str()); }
 
 void print_json_lines(const std::vector<AnomalyRecord>& records) {
   for (const AnomalyRecord& r : records) {
@@ -81,7 +82,7 @@ void print_json_lines(const std::vector<AnomalyRecord>& records) {
     json_object_set_new(line, "detection_epoch", json_integer(static_cast<json_int_t>(r.detection_time)));
     json_object_set_new(line, "summary", json_text(r.summary));
     json_object_set_new(line, "score", json_text(r.score));
-    json_t* payload = json_loads(valid_utf8(r.payload).c_str(), 0, nullptr);
+    json_t* payload = json_loads(text::as_utf8(r.payload).c_str(), 0, nullptr);
     json_object_set_new(line, "payload", payload != nullptr ? payload : json_text(r.payload));
     char* text = json_dumps(line, JSON_COMPACT | JSON_PRESERVE_ORDER);
     std::cout << (text != nullptr ? text : "{}") << "\n";

@@ -4,6 +4,7 @@
 
 #include "tools/AnomaliesCommand.h"
 #include "tools/DetectCommand.h"
+#include "tools/ExplainCommand.h"
 #include "tools/FeedbackCommand.h"
 #include "tools/InitCommand.h"
 #include "tools/ReportCommand.h"
@@ -18,6 +19,7 @@ const Command kCommands[] = {
     {"detect", "run one detection pass now", kDetectHelp, run_detect},
     {"anomalies", "list reported anomalies, newest first", kAnomaliesHelp, run_anomalies},
     {"feedback", "report an anomaly as a false positive", kFeedbackHelp, run_feedback},
+    {"explain", "show how a job of the queue is judged, step by step", kExplainHelp, run_explain},
     {"report", "write an HTML page of the anomalies with charts", kReportHelp, run_report},
     {"status", "queue, history, models and recent anomalies", kStatusHelp, run_status},
     {"simulate", "fill a database with synthetic backup jobs", kSimulateHelp, run_simulate},

@@ -1,0 +1,6 @@
+// tsanomalyctl explain: why one job of DATA_TO_PROCESS is judged as it is
+// (or would be, at the next pass), step by step, without changing anything.
+#pragma once
+
+extern const char* const kExplainHelp;
+int run_explain(int argc, char** argv);
