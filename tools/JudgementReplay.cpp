@@ -1,6 +1,7 @@
 #include "tools/JudgementReplay.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <iostream>
@@ -29,8 +30,8 @@ namespace {
 constexpr int kBusyTimeoutMs = DetectionService::kDefaultBusyTimeoutMs;  // the service may be writing
 
 // A file: URI that opens path read-only; '%', '?' and '#' would otherwise
-// be read as URI syntax.
-std::string read_only_uri(const std::string& path) {
+// be read as URI syntax. query: "mode=ro", or with "&immutable=1".
+std::string read_only_uri(const std::string& path, const std::string& query) {
   std::string uri = "file:";
   for (const char c : path) {
     if (c == '%' || c == '?' || c == '#') {
@@ -42,7 +43,28 @@ std::string read_only_uri(const std::string& path) {
       uri += c;
     }
   }
-  return uri + "?mode=ro";
+  return uri + "?" + query;
+}
+
+bool attach_source(DBAccess& db, const std::string& uri) {
+  try {
+    Statement attach(db.handle, replay_sql::kAttachSource);
+    attach.bind(1, uri);
+    db.execute_query_prepared(attach);
+    Rows tables;
+    db.read_data(replay_sql::kSourceTables, tables);
+    return static_cast<int>(tables.size()) == replay_sql::kDetectorTableCount;
+  } catch (const std::exception&) {
+    sqlite3_exec(db.handle, "DETACH DATABASE source", nullptr, nullptr, nullptr);
+    throw;
+  }
+}
+
+// Whether the database has no write-ahead log with content: then the file
+// alone holds every committed row.
+bool no_pending_log(const std::string& path) {
+  struct stat log {};
+  return stat((path + "-wal").c_str(), &log) != 0 || log.st_size == 0;
 }
 
 // An in-memory detector database with the real one attached as "source".
@@ -51,16 +73,20 @@ std::unique_ptr<DBAccess> open_copy(const std::string& path) {
   auto db = std::make_unique<DBAccess>(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI);
   db->set_busy_timeout(kBusyTimeoutMs);
   db->execute_query(anomaly_schema::anomaly_db_sql());
-  Rows tables;
+  bool detector_tables = false;
   try {
-    Statement attach(db->handle, replay_sql::kAttachSource);
-    attach.bind(1, read_only_uri(path));
-    db->execute_query_prepared(attach);
-    db->read_data(replay_sql::kSourceTables, tables);
+    detector_tables = attach_source(*db, read_only_uri(path, "mode=ro"));
   } catch (const std::exception&) {
-    throw std::runtime_error("'" + path + "' is not an SQLite database");
+    // A database in WAL mode whose folder we may not write (no -shm can be
+    // made) opens only as immutable, which is safe while no log has content.
+    if (!no_pending_log(path)) throw std::runtime_error("cannot read database '" + path + "'");
+    try {
+      detector_tables = attach_source(*db, read_only_uri(path, "mode=ro&immutable=1"));
+    } catch (const std::exception&) {
+      throw std::runtime_error("'" + path + "' is not an SQLite database");
+    }
   }
-  if (static_cast<int>(tables.size()) != replay_sql::kDetectorTableCount) {
+  if (!detector_tables) {
     throw std::runtime_error("'" + path + "' is not a detector database (it lacks the detector's tables)");
   }
   return db;

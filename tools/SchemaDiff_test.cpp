@@ -128,7 +128,8 @@ TEST_F(SchemaDiffTest, IndexesCountByWhatTheyIndexNotByName) {
 TEST_F(SchemaDiffTest, AnIndexNameTakenByAnotherDefinitionIsLeftAlone) {
   DBAccess& db = bare();
   db.execute_query("CREATE INDEX HIST_DATA_BY_STREAM ON HIST_DATA (BACKUP_ID)");
-  const SchemaFinding* finding = find(compare(db), "missing index HIST_DATA_BY_STREAM on HIST_DATA");
+  const auto findings = compare(db);
+  const SchemaFinding* finding = find(findings, "missing index HIST_DATA_BY_STREAM on HIST_DATA");
   ASSERT_NE(finding, nullptr);
   EXPECT_EQ(finding->remedy, Remedy::by_hand);
   EXPECT_NE(finding->why_not.find("has that name"), std::string::npos);

@@ -111,6 +111,19 @@ class ReportScaleTest : public ::testing::Test {
   DBAccess db{path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE};
 };
 
+// AddressSanitizer's shadow memory and quarantine make a process's peak RSS
+// say nothing about what the program itself keeps; the bound is checked in
+// the ordinary build only.
+void expect_memory_bound(long peak_kb, long ceiling_kb, const char* what) {
+#ifdef TSANOMALY_SANITIZER_BUILD
+  (void)peak_kb;
+  (void)ceiling_kb;
+  (void)what;
+#else
+  EXPECT_LT(peak_kb, ceiling_kb) << what;
+#endif
+}
+
 }  // namespace
 
 TEST_F(ReportScaleTest, LargePayloadsAreReadOnlyForTheCardsShown) {
@@ -120,7 +133,7 @@ TEST_F(ReportScaleTest, LargePayloadsAreReadOnlyForTheCardsShown) {
   db.commit_transaction();
   const ReportRun run = report({path, "-o", dir.file("report.html"), "--limit", "1"});
   EXPECT_EQ(run.exit_code, 0);
-  EXPECT_LT(run.peak_kb, kMemoryCeilingKb) << "30 payloads of 4 MB";
+  expect_memory_bound(run.peak_kb, kMemoryCeilingKb, "30 payloads of 4 MB");
 }
 
 TEST_F(ReportScaleTest, ThousandsOfAnomaliesWithLongHistoriesGiveABoundedPage) {
@@ -133,7 +146,7 @@ TEST_F(ReportScaleTest, ThousandsOfAnomaliesWithLongHistoriesGiveABoundedPage) {
   const std::string page = dir.file("report.html");
   const ReportRun run = report({path, "-o", page, "--limit", "100"});
   EXPECT_EQ(run.exit_code, 0);
-  EXPECT_LT(run.peak_kb, kMemoryCeilingKb) << "1900 anomalies, 98,000 history rows";
+  expect_memory_bound(run.peak_kb, kMemoryCeilingKb, "1900 anomalies, 98,000 history rows");
   EXPECT_GT(size_of(page), 0);
   EXPECT_LT(size_of(page), kPageCeilingBytes);
 }
