@@ -32,6 +32,18 @@ inline constexpr const char* kEarlierPendingJobs =
     "SELECT COUNT(*) AS N FROM source.DATA_TO_PROCESS WHERE PROCESSED_STATUS = 0 AND rowid < ?7 AND CLIENT = ?1 AND "
     "POLICY = ?2 AND POLICY_TYPE = ?3 AND APP_TYPE = ?4 AND SCHEDULE_TYPE = ?5 AND SCHEDULE_NAME = ?6";
 inline constexpr const char* kCopiedVerdicts = "SELECT COUNT(*) AS N FROM main.ANOMALY_DATA_FEEDBACK";
+// Each pending job with the number of its storage's history rows and its
+// workload's highest stream number: a job can be left without judgement
+// only when its storage has fewer rows than the minimum (the fallback set)
+// or when features are disabled for its policy type.
+inline constexpr const char* kPendingJobsWithOwnHistory =
+    "SELECT d.UNIQUE_KEY, d.POLICY_TYPE, (SELECT COUNT(*) FROM HIST_DATA h WHERE h.CLIENT = d.CLIENT AND "
+    "h.POLICY = d.POLICY AND h.POLICY_TYPE = d.POLICY_TYPE AND h.APP_TYPE = d.APP_TYPE AND h.SCHEDULE_TYPE = "
+    "d.SCHEDULE_TYPE AND h.SCHEDULE_NAME = d.SCHEDULE_NAME AND h.DESTINATION_STORAGE_NAME = "
+    "d.DESTINATION_STORAGE_NAME AND h.ASSET_ID = d.ASSET_ID AND h.MODE = 1) AS OWN_HISTORY, (SELECT "
+    "MAX(STREAM_NUMBER) FROM HIST_DATA h WHERE h.CLIENT = d.CLIENT AND h.POLICY = d.POLICY AND h.POLICY_TYPE = "
+    "d.POLICY_TYPE AND h.APP_TYPE = d.APP_TYPE AND h.SCHEDULE_TYPE = d.SCHEDULE_TYPE AND h.SCHEDULE_NAME = "
+    "d.SCHEDULE_NAME) AS STREAMS FROM DATA_TO_PROCESS d WHERE d.PROCESSED_STATUS = 0 ORDER BY d.rowid";
 inline constexpr const char* kPendingKeys =
     "SELECT UNIQUE_KEY FROM source.DATA_TO_PROCESS WHERE PROCESSED_STATUS = 0 ORDER BY rowid LIMIT ?";
 

@@ -284,15 +284,18 @@ void explain_pending(Judgement& judgement) {
   const auto policy_type = judgement.job.find("POLICY_TYPE");
   const std::string type = policy_type == judgement.job.end() ? "" : policy_type->second.text();
   if (judgement.training_chosen && judgement.observation.empty()) {
+    judgement.unjudgeable = Judgement::Unjudgeable::features_disabled;
     judgement.cannot_judge = "every feature it could be judged on is disabled for policy type '" + type + "'";
     judgement.hint = "enable one under [DISABLE_FEATURE_PER_POLICY_TYPE] " + type + " in the configuration";
   } else if (judgement.full_feature_set == 0 && judgement.features.size() != judgement.training_width) {
+    judgement.unjudgeable = Judgement::Unjudgeable::unequal_features;
     judgement.cannot_judge =
         "its storage has too little history, so it is compared with its workload's two-feature history across "
         "storages, but it offers " + std::to_string(judgement.features.size()) +
         " features: the unequal rows fail at every pass";
     judgement.hint = "set [ANOMALY_MODEL_SETTINGS] JUDGE_ON_FALLBACK_FEATURES=1 to judge it on the two features";
   } else {
+    judgement.unjudgeable = Judgement::Unjudgeable::pass_failed;
     judgement.cannot_judge = "the pass failed on it: " + deciding_message(judgement);
   }
   judgement.reason = "cannot be judged: " + judgement.cannot_judge;

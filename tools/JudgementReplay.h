@@ -64,6 +64,8 @@ struct Judgement {
   // reason, and for an anomaly the payload the pass would write.
   std::string outcome, reason, payload;
   // Set when the job cannot be judged: why, and what would change it.
+  enum class Unjudgeable { no, unequal_features, features_disabled, pass_failed };
+  Unjudgeable unjudgeable = Unjudgeable::no;
   std::string cannot_judge, hint;
 };
 

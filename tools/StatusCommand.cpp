@@ -12,13 +12,14 @@
 #include "tools/CommandArgs.h"
 #include "tools/ErrorText.h"
 #include "tools/SchemaDiff.h"
+#include "tools/UnjudgeableJobs.h"
 #include "tools/UpgradeCommand.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
 
 const char* const kStatusHelp =
-    "usage: tsanomalyctl status DB\n"
+    "usage: tsanomalyctl status DB [-config_file INI]\n"
     "\n"
     "Shows the queue (jobs pending detection, and reported jobs awaiting an\n"
     "operator's verdict), the history the detector trains on, the number of\n"
@@ -26,7 +27,11 @@ const char* const kStatusHelp =
     "the last 7 days and in total; then any trigger or view in DB that the\n"
     "detector's schema does not define; then, one line each, where the database\n"
     "differs from the detector's schema (indexes, triggers, journal mode), with\n"
-    "what it costs and the 'tsanomalyctl upgrade' command to run.\n";
+    "what it costs and the 'tsanomalyctl upgrade' command to run.\n"
+    "\n"
+    "When some pending jobs cannot be judged by the next pass (they would stay\n"
+    "pending at every pass), it says how many and why, judged with the\n"
+    "configuration INI the service uses (-config_file; built-in defaults without).\n";
 
 namespace {
 
@@ -49,6 +54,26 @@ void print_unknown_schema_objects(AnomalyStore& store) {
   }
 }
 
+// Pending jobs the next pass would leave pending, by reason, with what to
+// change; nothing when every pending job can be judged.
+void print_unjudgeable(const std::string& path, const std::string& config_file) {
+  ReplaySettings settings;
+  settings.config_file = config_file;
+  const UnjudgeableCount counted = count_unjudgeable_jobs(path, settings);
+  if (counted.total() == 0) return;
+  const auto reason = [](const char* label, long long n, const std::string& hint) {
+    if (n == 0) return;
+    std::cout << "  " << label << std::string(26 - std::string(label).size(), ' ') << n << "  (" << hint << ")\n";
+  };
+  std::cout << "Cannot be judged" << std::string(12, ' ') << counted.total() << " of the pending jobs\n";
+  reason("unequal feature sets", counted.unequal_features,
+         "moved storage: set [ANOMALY_MODEL_SETTINGS] JUDGE_ON_FALLBACK_FEATURES=1");
+  reason("every feature disabled", counted.features_disabled,
+         "see [DISABLE_FEATURE_PER_POLICY_TYPE] in the configuration");
+  reason("the pass fails on them", counted.pass_failed, "see the detector's log");
+  std::cout << "  'tsanomalyctl explain " << visible_text(path) << " UNIQUE_KEY' shows why for one job\n";
+}
+
 void print_schema_findings(AnomalyStore& store, const std::string& path) {
   for (const SchemaFinding& finding : SchemaDiff().compare(store.database(), path)) {
     std::cout << "Schema" << std::string(22, ' ') << visible_text(finding.what) << ": " << finding.cost << " ("
@@ -60,7 +85,7 @@ void print_schema_findings(AnomalyStore& store, const std::string& path) {
 }  // namespace
 
 int run_status(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{}, {}, 1, 1});
+  CommandArgs args(argc, argv, {{}, {"-config_file"}, 1, 1});
   if (auto exit_code = args.help_or_usage_error("status", kStatusHelp)) return *exit_code;
   try {
     const std::string& path = args.positional()[0];
@@ -82,6 +107,7 @@ int run_status(int argc, char** argv) {
     line("Anomalies, last 7 days",
          count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE DETECTION_TIME >= ?", now - 7 * 86400));
     line("Anomalies, total", count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA"));
+    print_unjudgeable(path, args.value("-config_file").value_or(""));
     print_unknown_schema_objects(store);
     print_schema_findings(store, path);
   } catch (const std::exception& e) {

@@ -127,4 +127,39 @@ TEST_F(ExplainToolTest, WhatCannotBeExplainedIsRefusedWithAMessage) {
   EXPECT_EQ(ctl({"explain", db(), "k", "-min_samples", "two"}), 2);
 }
 
+TEST_F(ExplainToolTest, StatusAndExplainNameTheJobsTheNextPassCannotJudge) {
+  // Five workloads move to new storage: their jobs get the two-feature set.
+  DBAccess(db(), SQLITE_OPEN_READWRITE)
+      .execute_query("UPDATE DATA_TO_PROCESS SET DESTINATION_STORAGE_NAME = 'new-pool' WHERE rowid <= 5");
+  const std::string ini = dir.file("detector.ini");
+  TempDir::write(ini, "[ANOMALY_MODEL_SETTINGS]\nJUDGE_ON_FALLBACK_FEATURES=0\n");
+  ASSERT_EQ(ctl({"status", db(), "-config_file", ini}), 0) << err;
+  EXPECT_NE(out.find("Cannot be judged            5 of the pending jobs\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("unequal feature sets      5  (moved storage: set [ANOMALY_MODEL_SETTINGS] "
+                     "JUDGE_ON_FALLBACK_FEATURES=1)"),
+            std::string::npos)
+      << out;
+  ASSERT_EQ(ctl({"explain", db(), first_key("rowid = 1"), "-config_file", ini, "--json"}), 0) << err;
+  const auto root = tsanomaly_test::parse(out);
+  ASSERT_NE(root, nullptr);
+  EXPECT_EQ(tsanomaly_test::string_member(root.get(), "outcome"), "pending");
+  EXPECT_NE(tsanomaly_test::string_member(root.get(), "hint").find("JUDGE_ON_FALLBACK_FEATURES=1"), std::string::npos);
+
+  // Judged on two features, unless both are disabled for the policy type.
+  TempDir::write(ini, "[ANOMALY_MODEL_SETTINGS]\nJUDGE_ON_FALLBACK_FEATURES=1\n");
+  ASSERT_EQ(ctl({"status", db(), "-config_file", ini}), 0) << err;
+  EXPECT_EQ(out.find("Cannot be judged"), std::string::npos) << out;
+  Rows moved;
+  DBAccess(db(), SQLITE_OPEN_READONLY)
+      .read_data("SELECT POLICY_TYPE, COUNT(*) AS N FROM DATA_TO_PROCESS WHERE rowid <= 5 GROUP BY POLICY_TYPE "
+                 "ORDER BY N DESC LIMIT 1",
+                 moved);
+  TempDir::write(ini, "[ANOMALY_MODEL_SETTINGS]\nJUDGE_ON_FALLBACK_FEATURES=1\n[DISABLE_FEATURE_PER_POLICY_TYPE]\n" +
+                          moved[0]["POLICY_TYPE"].text() + "=num_files,image_size\n");
+  ASSERT_EQ(ctl({"status", db(), "-config_file", ini}), 0) << err;
+  EXPECT_NE(out.find("every feature disabled    " + moved[0]["N"].text() + "  (see [DISABLE_FEATURE_PER_POLICY_TYPE]"),
+            std::string::npos)
+      << out;
+}
+
 }  // namespace
