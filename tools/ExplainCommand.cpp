@@ -74,14 +74,18 @@ void print_training(const Judgement& j) {
   for (const std::string& name : j.features) names += (names.empty() ? "" : ", ") + name;
   std::cout << "Features of the job: " << (names.empty() ? "none" : names) << " (training rows have "
             << j.training_width << ")\n";
-  std::cout << "Calibration: " << (j.calibration_due ? "due" : "not due");
-  if (j.stored_eps) std::cout << "; the workload's eps is " << number(*j.stored_eps);
-  std::cout << "\n";
+  if (j.calibration_due && j.stored_eps) {
+    std::cout << "Calibration: due; the pass stores eps " << number(*j.stored_eps) << "\n";
+  } else if (j.stored_eps) {
+    std::cout << "Calibration: not due; the stored eps is " << number(*j.stored_eps) << "\n";
+  } else {
+    std::cout << "Calibration: not due; no eps stored, the command line's is used\n";
+  }
 }
 
 void print_clustering(const Judgement& j) {
   if (!j.clustered) return;
-  std::cout << "Eps " << number(j.model_eps) << ", with the sensitivity " << number(j.adjusted_eps) << "\n";
+  std::cout << "Eps " << number(j.model_eps) << ", adjusted by the sensitivity to " << number(j.adjusted_eps) << "\n";
   std::cout << "DBSCAN label of the job: " << j.label << (j.label == -1 ? " (noise: an outlier)" : " (in a cluster)")
             << "\n";
   if (j.nearest) {
