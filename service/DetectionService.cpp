@@ -4,8 +4,7 @@
 
 #include "platform/DebugLog.h"
 #include "service/Features.h"
-#include "service/PassScheduler.h"
-#include "service/StopSignal.h"
+#include "service/ServiceLoop.h"
 #include "storage/Statement.h"
 #include "storage/StatementCache.h"
 #include "util/Directory.h"
@@ -60,9 +59,7 @@ void DetectionService::init_feature_list() {
   }
 }
 
-void DetectionService::start() {
-  PassScheduler(now, sleep_for, [] { return StopSignal::requested(); }).run([this] { do_detection(); });
-}
+void DetectionService::start() { ServiceLoop(*this, now, sleep_for).run(); }
 
 int DetectionService::min_samples_as_int() const { return truncate_to_int(min_samples); }
 

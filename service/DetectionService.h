@@ -63,7 +63,8 @@ class DetectionService {
   DetectionService& operator=(const DetectionService&) = delete;
 
   // Runs a pass 120 s after start-up and 120 s after each pass ends, until
-  // a stop is requested (StopSignal).
+  // a stop is requested (StopSignal), keeping a service manager that
+  // started the process informed (ServiceLoop).
   void start();
   // One pass: fold in user feedback, re-read the configuration, judge every
   // pending job. Only failures to build or read the configuration escape.

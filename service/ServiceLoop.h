@@ -1,6 +1,6 @@
-// ServiceLoop: what the service does once it has started: a detection pass
-// on PassScheduler's rhythm until a stop is requested, exactly as
-// DetectionService::start runs them, with the service manager kept informed
+// ServiceLoop: what the service does once it has started (the body of
+// DetectionService::start): a detection pass on PassScheduler's rhythm until
+// a stop is requested, with the service manager kept informed
 // around the passes (ready, a status line after each pass, the watchdog from
 // the one-second idle loop, stopping). Under no service manager it is the
 // plain rhythm, with nothing read or sent besides the passes.

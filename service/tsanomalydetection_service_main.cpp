@@ -9,7 +9,6 @@
 #include "platform/DebugLog.h"
 #include "service/DetectionService.h"
 #include "service/SchemaFindings.h"
-#include "service/ServiceLoop.h"
 #include "service/ServiceOptions.h"
 #include "service/StopSignal.h"
 
@@ -27,9 +26,7 @@ int main(int argc, char** argv) {
     DetectionService service(options.database_location, options.database_file_name, options.eps,
                              static_cast<double>(options.min_samples), options.config_file);
     log_unknown_schema_objects(service.database());
-    // The rhythm of DetectionService::start, with the service manager told
-    // how the passes go when one started the service.
-    ServiceLoop(service, [] { return ::time(nullptr); }, [](unsigned seconds) { ::sleep(seconds); }).run();
+    service.start();
     if (StopSignal::requested()) {
       logmsgf(kLogProgress, ServiceOptions::kProgramName, "Stopping on signal %d; pending jobs stay queued for the next start.",
               StopSignal::signal_number());
