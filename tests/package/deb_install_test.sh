@@ -50,6 +50,24 @@ if command -v systemd-analyze >/dev/null; then
              sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
   awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.0) }' || fail "installed unit exposure ${exposure:-unknown}"
 fi
+# The alert process's unit: the installed tool, the service user, the same
+# sandbox limit; the package's database already has the alert tables.
+alert_unit=/usr/lib/systemd/system/tsanomalyalert.service
+check test -f "$alert_unit"
+check test -f /usr/share/tsanomalydetect/alert_db.sql
+grep -q '^ExecStart=/usr/bin/tsanomalyctl alert /var/lib/tsanomalydetect/anomaly.db' "$alert_unit" \
+  || fail "the alert unit does not start the installed tool"
+for line in User=tsanomaly Type=notify StateDirectory=tsanomalydetect; do
+  grep -qx "$line" "$alert_unit" || fail "the alert unit lacks $line"
+done
+if command -v systemd-analyze >/dev/null; then
+  exposure=$(systemd-analyze security --offline=true --no-pager "$alert_unit" 2>&1 |
+             sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
+  awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.0) }' || fail "installed alert unit exposure ${exposure:-unknown}"
+fi
+sqlite3 /var/lib/tsanomalydetect/anomaly.db "SELECT COUNT(*) FROM ALERT_DELIVERY" >/dev/null \
+  || fail "postinst did not create the alert tables"
+
 # A database left root-owned by an earlier version is handed over on upgrade.
 chown root:root /var/lib/tsanomalydetect/anomaly.db
 chmod 0644 /var/lib/tsanomalydetect/anomaly.db
