@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "tools/AlertCommand.h"
 #include "tools/AnomaliesCommand.h"
 #include "tools/DetectCommand.h"
 #include "tools/ExplainCommand.h"
@@ -24,6 +25,8 @@ const Command kCommands[] = {
     {"status", "queue, history, models and recent anomalies", kStatusHelp, run_status},
     {"simulate", "fill a database with synthetic backup jobs", kSimulateHelp, run_simulate},
     {"upgrade", "compare a database with the detector's schema; add what is missing", kUpgradeHelp, run_upgrade},
+    {"alert", "send alerts for new anomalies (the alert process)", kAlertHelp, run_alert},
+    {"alert-test", "send a test alert through every configured channel", kAlertTestHelp, run_alert_test},
 };
 
 }  // namespace

@@ -25,7 +25,8 @@ const char* const kInitHelp =
     "\n"
     "Creates the detector's five tables (DATA_TO_PROCESS, HIST_DATA,\n"
     "DBSCAN_MODEL_PARAMS, ANOMALY_DATA, ANOMALY_DATA_FEEDBACK) and their indexes\n"
-    "in DB, creating the file when it does not exist, and switches it to WAL mode.\n"
+    "in DB, creating the file when it does not exist, and switches it to WAL mode;\n"
+    "then the alert process's tables (ALERT_CHANNEL, ALERT_DELIVERY).\n"
     "DB must be a regular file or a new path: a symbolic link or a device is\n"
     "refused.\n"
     "Running it again on a detector database changes nothing. A file that holds\n"
@@ -33,8 +34,10 @@ const char* const kInitHelp =
 
 namespace {
 
-const std::set<std::string> kDetectorTables = {"DATA_TO_PROCESS", "HIST_DATA", "DBSCAN_MODEL_PARAMS", "ANOMALY_DATA",
-                                               "ANOMALY_DATA_FEEDBACK"};
+// The detector's five tables and the alert process's two.
+const std::set<std::string> kDetectorTables = {"DATA_TO_PROCESS", "HIST_DATA",      "DBSCAN_MODEL_PARAMS",
+                                               "ANOMALY_DATA",    "ANOMALY_DATA_FEEDBACK", "ALERT_CHANNEL",
+                                               "ALERT_DELIVERY"};
 
 std::set<std::string> foreign_tables(DBAccess& db) {
   Rows rows;
@@ -85,6 +88,7 @@ int run_init(int argc, char** argv) {
       return 1;
     }
     db.execute_query(anomaly_schema::anomaly_db_sql());
+    db.execute_query(anomaly_schema::alert_db_sql());
   } catch (const std::exception& e) {
     std::cerr << "tsanomalyctl init: cannot initialise '" << path << "': " << failure_text(e) << "\n";
     return 1;

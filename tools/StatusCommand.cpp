@@ -14,6 +14,7 @@
 #include "tools/SchemaDiff.h"
 #include "tools/UnjudgeableJobs.h"
 #include "tools/UpgradeCommand.h"
+#include "tools/alert/AlertFigures.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
@@ -27,7 +28,9 @@ const char* const kStatusHelp =
     "the last 7 days and in total; then any trigger or view in DB that the\n"
     "detector's schema does not define; then, one line each, where the database\n"
     "differs from the detector's schema (indexes, triggers, journal mode), with\n"
-    "what it costs and the 'tsanomalyctl upgrade' command to run.\n"
+    "what it costs and the 'tsanomalyctl upgrade' command to run; last, for each\n"
+    "alert channel, the alerts delivered, failing, given up and withdrawn, and\n"
+    "how long the oldest undelivered one has waited.\n"
     "\n"
     "When some pending jobs cannot be judged by the next pass (they would stay\n"
     "pending at every pass), it says how many and why, judged with the\n"
@@ -82,6 +85,17 @@ void print_schema_findings(AnomalyStore& store, const std::string& path) {
   }
 }
 
+// One line per alert channel that has had alerts.
+void print_alert_figures(AnomalyStore& store, time_t now) {
+  for (const ChannelFigures& f : alert_channel_figures(store.database(), now)) {
+    const std::string label = "Alerts, " + visible_text(f.channel);
+    std::cout << label << std::string(label.size() < 28 ? 28 - label.size() : 1, ' ') << "delivered " << f.delivered
+              << ", failing " << f.failing << ", given up " << f.given_up << ", withdrawn " << f.withdrawn;
+    if (f.oldest_undelivered_age) std::cout << ", oldest undelivered " << *f.oldest_undelivered_age << " s";
+    std::cout << "\n";
+  }
+}
+
 }  // namespace
 
 int run_status(int argc, char** argv) {
@@ -110,6 +124,7 @@ int run_status(int argc, char** argv) {
     print_unjudgeable(path, args.value("-config_file").value_or(""));
     print_unknown_schema_objects(store);
     print_schema_findings(store, path);
+    print_alert_figures(store, static_cast<time_t>(now));
   } catch (const std::exception& e) {
     std::cerr << "tsanomalyctl status: " << ErrorText::of(e) << "\n";
     return 1;

@@ -40,16 +40,34 @@ esac
 check test "$(owner_mode /var/lib/tsanomalydetect)" = "tsanomaly:tsanomaly 750"
 check test "$(owner_mode /var/log/tsanomalydetect)" = "tsanomaly:tsanomaly 750"
 check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsanomaly 640"
+# An installed unit's sandbox as systemd rates it, within the CI limit.
+check_exposure() {
+  command -v systemd-analyze >/dev/null || return 0
+  local exposure
+  exposure=$(systemd-analyze security --offline=true --no-pager "$1" 2>&1 |
+             sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
+  awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.0) }' || fail "installed $(basename "$1") exposure ${exposure:-unknown}"
+}
 unit=/usr/lib/systemd/system/tsanomalydetect.service
 for line in User=tsanomaly Type=notify StateDirectory=tsanomalydetect LogsDirectory=tsanomalydetect \
             ConfigurationDirectory=tsanomalydetect; do
   grep -qx "$line" "$unit" || fail "the unit lacks $line"
 done
-if command -v systemd-analyze >/dev/null; then
-  exposure=$(systemd-analyze security --offline=true --no-pager "$unit" 2>&1 |
-             sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
-  awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.0) }' || fail "installed unit exposure ${exposure:-unknown}"
-fi
+check_exposure "$unit"
+# The alert process's unit: the installed tool, the service user, the same
+# sandbox limit; the package's database already has the alert tables.
+alert_unit=/usr/lib/systemd/system/tsanomalyalert.service
+check test -f "$alert_unit"
+check test -f /usr/share/tsanomalydetect/alert_db.sql
+grep -q '^ExecStart=/usr/bin/tsanomalyctl alert /var/lib/tsanomalydetect/anomaly.db' "$alert_unit" \
+  || fail "the alert unit does not start the installed tool"
+for line in User=tsanomaly Type=notify StateDirectory=tsanomalydetect; do
+  grep -qx "$line" "$alert_unit" || fail "the alert unit lacks $line"
+done
+check_exposure "$alert_unit"
+sqlite3 /var/lib/tsanomalydetect/anomaly.db "SELECT COUNT(*) FROM ALERT_DELIVERY" >/dev/null \
+  || fail "postinst did not create the alert tables"
+
 # A database left root-owned by an earlier version is handed over on upgrade.
 chown root:root /var/lib/tsanomalydetect/anomaly.db
 chmod 0644 /var/lib/tsanomalydetect/anomaly.db

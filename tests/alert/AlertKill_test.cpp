@@ -1,0 +1,67 @@
+// The alert process killed with SIGKILL at random moments while it delivers
+// 200 anomalies to a slow receiver, and started again each time: in the
+// end every anomaly was delivered at least once, and each kill caused at
+// most one repeat (the alert in flight when it landed).
+//
+// Environment: TSANOMALY_ALERT_KILL_SEED (default 20241124) picks the
+// delays.
+#include <signal.h>
+
+#include <cstdlib>
+#include <map>
+#include <random>
+
+#include "tests/alert/AlertFixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using tsanomaly_test::ChildProcess;
+
+constexpr int kMinKills = 50;
+constexpr int kWorkloads = 210;  // every queued job is anomalous: about 200 anomalies
+
+class AlertKill : public AlertFixture {};
+
+TEST_F(AlertKill, EveryAnomalyIsDeliveredAndRepeatsStayWithinOnePerKill) {
+  const auto ids = detect_anomalies(kWorkloads);
+  ASSERT_GE(ids.size(), 200u);
+  receiver.start();
+  // Slow enough that a kill often lands while a request is in flight.
+  receiver.delay_answers(30ms);
+  write_ini(webhook_section() + "[ALERTS]\nGROUP_THRESHOLD=100000\n");
+  const char* seed_text = std::getenv("TSANOMALY_ALERT_KILL_SEED");
+  std::mt19937 random(seed_text != nullptr ? std::strtoul(seed_text, nullptr, 10) : 20241124u);
+  std::uniform_int_distribution<int> delay_ms(40, 160);
+  int kills = 0;
+  const auto give_up = std::chrono::steady_clock::now() + 120s;
+  while (kills < kMinKills && std::chrono::steady_clock::now() < give_up) {
+    ChildProcess alert(alert_process());
+    alert.start();
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms(random)));
+    alert.send_signal(SIGKILL);
+    alert.wait();
+    ++kills;
+  }
+  const std::size_t received_while_killing = receiver.received().size();
+  // A last, undisturbed cycle delivers whatever is left.
+  ASSERT_EQ(alert_once(), 0) << log_;
+
+  std::map<std::string, int> times;
+  for (const std::string& id : received_ids()) ++times[id];
+  int repeats = 0;
+  for (const std::string& id : ids) {
+    EXPECT_GE(times[id], 1) << id << " was never delivered";
+    repeats += std::max(0, times[id] - 1);
+  }
+  std::cout << "[ kill -9  ] " << kills << " kills, " << ids.size() << " anomalies, " << receiver.received().size()
+            << " deliveries (" << received_while_killing << " while killing), " << repeats << " repeats\n";
+  EXPECT_GE(kills, kMinKills);
+  EXPECT_GE(received_while_killing, ids.size() / 2) << "the kills did not land while alerts were delivered";
+  EXPECT_LE(repeats, kills);
+  EXPECT_EQ(times.size(), ids.size());
+  EXPECT_EQ(query("SELECT COUNT(*) AS N FROM ALERT_DELIVERY WHERE STATE = 1")[0]["N"].text(),
+            std::to_string(ids.size()));
+}
+
+}  // namespace
