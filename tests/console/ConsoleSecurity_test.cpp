@@ -131,6 +131,11 @@ TEST_F(ConsoleSecurityTest, RequestsFromAnotherOriginAreRefused) {
   res = client().Post(path, cross_site, "", "text/plain");
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 403);
+  httplib::Headers opaque = bearer();
+  opaque.emplace("Origin", "null");
+  res = client().Post(path, opaque, "", "text/plain");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 403) << "an opaque origin without same-origin fetch metadata";
   EXPECT_EQ(count("SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE ANOMALY_STATE = 1"), 0);
 
   httplib::Headers same = bearer();

@@ -169,6 +169,7 @@ struct ConsoleServer::Impl {
   std::string scheme() const { return tls() ? "https" : "http"; }
 
   void make_server();
+  bool same_origin(const Request& req) const;
   void routes();
   Outcome admit(const Request& req, Response& res);
   bool authorised(const Request& req, Response& res);
@@ -217,6 +218,19 @@ void ConsoleServer::Impl::make_server() {
   routes();
 }
 
+// Whether a state-changing request may come from where it says it does.
+// Browsers name the sending page's origin; under Referrer-Policy
+// no-referrer they send "null" for the console's own forms, and then the
+// fetch metadata must say same-origin. Clients that are not browsers send
+// neither and are judged by their token alone.
+bool ConsoleServer::Impl::same_origin(const Request& req) const {
+  const std::string origin = req.get_header_value("Origin");
+  const std::string site = req.get_header_value("Sec-Fetch-Site");
+  if (!site.empty() && site != "same-origin" && site != "none") return false;
+  if (origin.empty() || origin == scheme() + "://" + req.get_header_value("Host")) return true;
+  return origin == "null" && site == "same-origin";
+}
+
 // Every request passes here before its handler: size, Host, credentials,
 // origin. Answers Unhandled to let the handler run.
 Outcome ConsoleServer::Impl::admit(const Request& req, Response& res) {
@@ -232,14 +246,9 @@ Outcome ConsoleServer::Impl::admit(const Request& req, Response& res) {
     send_error(req, res, 403, "this console answers only to its own address");
     return Outcome::Handled;
   }
-  if (req.method != "GET" && req.method != "HEAD") {
-    const std::string origin = req.get_header_value("Origin");
-    const std::string site = req.get_header_value("Sec-Fetch-Site");
-    if ((!origin.empty() && origin != scheme() + "://" + req.get_header_value("Host")) ||
-        (!site.empty() && site != "same-origin" && site != "none")) {
-      send_error(req, res, 403, "requests from another origin are refused");
-      return Outcome::Handled;
-    }
+  if (req.method != "GET" && req.method != "HEAD" && !same_origin(req)) {
+    send_error(req, res, 403, "requests from another origin are refused");
+    return Outcome::Handled;
   }
   return authorised(req, res) ? Outcome::Unhandled : Outcome::Handled;
 }
