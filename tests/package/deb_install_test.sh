@@ -45,10 +45,21 @@ for line in User=tsanomaly Type=notify StateDirectory=tsanomalydetect LogsDirect
             ConfigurationDirectory=tsanomalydetect; do
   grep -qx "$line" "$unit" || fail "the unit lacks $line"
 done
+console=/usr/lib/systemd/system/tsanomalyconsole.service
+for line in User=tsanomaly StateDirectory=tsanomalydetect IPAddressDeny=any IPAddressAllow=localhost \
+            'RestrictAddressFamilies=AF_UNIX AF_INET AF_INET6'; do
+  grep -qx "$line" "$console" || fail "the console's unit lacks $line"
+done
+grep -q -- '--token-file /etc/tsanomalydetect/console.token' "$console" || fail "the console's unit names no token file"
+# The console's token: made on install, readable by the service user only.
+check test "$(owner_mode /etc/tsanomalydetect/console.token)" = "tsanomaly:tsanomaly 600"
+check test "$(wc -c < /etc/tsanomalydetect/console.token)" -eq 64
 if command -v systemd-analyze >/dev/null; then
-  exposure=$(systemd-analyze security --offline=true --no-pager "$unit" 2>&1 |
-             sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
-  awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.0) }' || fail "installed unit exposure ${exposure:-unknown}"
+  for u in "$unit" "$console"; do
+    exposure=$(systemd-analyze security --offline=true --no-pager "$u" 2>&1 |
+               sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
+    awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.0) }' || fail "installed unit $u exposure ${exposure:-unknown}"
+  done
 fi
 # A database left root-owned by an earlier version is handed over on upgrade.
 chown root:root /var/lib/tsanomalydetect/anomaly.db
@@ -64,6 +75,7 @@ check test ! -e /usr/bin/tsanomalyctl
 grep -q 'edited by the administrator' /etc/tsanomalydetect/tsanomalydetect.ini || fail "removal lost the edited conffile"
 dpkg -P tsanomalydetect >/dev/null
 check test ! -e /etc/tsanomalydetect/tsanomalydetect.ini
+check test ! -e /etc/tsanomalydetect/console.token
 dpkg-query -W tsanomalydetect >/dev/null 2>&1 && fail "package still known after purge"
 
 if [ "$data_existed" = no ]; then rm -rf /var/lib/tsanomalydetect; fi
