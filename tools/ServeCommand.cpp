@@ -43,18 +43,22 @@ namespace {
 
 int usage_error(const std::string& message) { return CommandArgs::usage_error("serve", message); }
 
-// Stops the server on SIGTERM or SIGINT. The signals are blocked in every
-// thread (the server's pool inherits the mask) and taken here synchronously,
-// so no handler runs inside the server's code.
+// SIGTERM and SIGINT, blocked in every thread (threads inherit the mask,
+// so block them before the first one starts) and taken synchronously by
+// StopOnSignal: no handler ever runs inside the server's code.
+sigset_t stop_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  return signals;
+}
+
 class StopOnSignal {
  public:
   explicit StopOnSignal(ConsoleServer& server) {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    waiter_ = std::thread([this, &server, signals] {
+    waiter_ = std::thread([this, &server] {
+      const sigset_t signals = stop_signals();
       const timespec tick{0, 200 * 1000 * 1000};
       while (!done_) {
         if (sigtimedwait(&signals, nullptr, &tick) > 0) {
@@ -75,6 +79,8 @@ class StopOnSignal {
 };
 
 int serve(ConsoleConfig config, const std::string& token_file) {
+  const sigset_t signals = stop_signals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   const access_token::Loaded token = access_token::load_or_create(token_file);
   if (token.created) std::cout << "Created the token file " << visible_text(token_file) << " (mode 0600).\n";
   config.token = token.token;

@@ -116,6 +116,7 @@ std::string status(const StatusFigures& figures, const std::vector<std::pair<std
   json_object_set_new(root, "awaiting_verdict", json_integer(figures.awaiting_verdict));
   json_object_set_new(root, "history_rows", json_integer(figures.history_rows));
   json_object_set_new(root, "workloads", json_integer(figures.workloads));
+  json_object_set_new(root, "history_counted_epoch", json_integer(static_cast<json_int_t>(figures.history_counted)));
   json_object_set_new(root, "calibrated_models", json_integer(figures.models));
   json_object_set_new(root, "newest_detection_epoch", json_integer(static_cast<json_int_t>(figures.newest_detection)));
   json_t* states = json_object();

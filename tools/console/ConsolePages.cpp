@@ -197,7 +197,8 @@ std::string status_page(const StatusFigures& figures, const std::vector<std::pai
                      "</p></header>\n<h2>Queue</h2><dl class=\"figures\">";
   body += figure("pending", "Pending jobs", figures.pending);
   body += figure("awaiting-verdict", "Reported, awaiting verdict", figures.awaiting_verdict);
-  body += "</dl>\n<h2>Detector</h2><dl class=\"figures\">";
+  body += "</dl>\n<h2>Detector</h2><p class=\"meta\">History counted " +
+          html_escape(TimeText::local(figures.history_counted)) + " (every minute).</p><dl class=\"figures\">";
   body += figure("history-rows", "History rows", figures.history_rows);
   body += figure("workloads", "Workloads", figures.workloads);
   body += figure("models", "Calibrated models", figures.models);

@@ -31,6 +31,7 @@ constexpr long long kPageSize = 50;
 constexpr long long kMaxApiLimit = 500;
 constexpr long long kMaxOffset = 1000000000;
 constexpr int kChartDays = 180;
+constexpr std::chrono::seconds kHistoryRecount{60};
 
 // A request the console answers with an error status and a message.
 struct RequestError : std::runtime_error {
@@ -158,12 +159,24 @@ std::string result_sentence(const std::string& code) {
 struct ConsoleServer::Impl {
   ConsoleConfig config;
   ConsoleStore store;
+  HistoryTally history;
   SessionTable sessions;
   std::unique_ptr<httplib::Server> server;
   std::set<std::string> allowed_hosts;
   int bound_port = 0;
 
-  explicit Impl(ConsoleConfig c) : config(std::move(c)), store(config.database) {}
+  explicit Impl(ConsoleConfig c)
+      : config(std::move(c)), store(config.database), history([this] { return store.history_counts(); },
+                                                              kHistoryRecount) {}
+
+  StatusFigures status() const {
+    StatusFigures figures = store.status();
+    const HistoryTally::Counts counts = history.latest();
+    figures.history_rows = counts.rows;
+    figures.workloads = counts.workloads;
+    figures.history_counted = counts.taken;
+    return figures;
+  }
 
   bool tls() const { return config.tls_cert.has_value(); }
   std::string scheme() const { return tls() ? "https" : "http"; }
@@ -364,7 +377,7 @@ void ConsoleServer::Impl::routes() {
   });
   s.Get("/status", [this](const Request&, Response& res) {
     const time_t now = std::time(nullptr);
-    res.set_content(console_pages::status_page(store.status(), store.per_day(now - 30 * 86400), now),
+    res.set_content(console_pages::status_page(status(), store.per_day(now - 30 * 86400), now),
                     "text/html; charset=utf-8");
   });
   s.Post(R"(/anomalies/(.+)/(false-positive|acknowledge))",
@@ -393,11 +406,11 @@ void ConsoleServer::Impl::routes() {
   s.Post(R"(/api/v1/anomalies/(.+)/(false-positive|acknowledge))",
          [this](const Request& req, Response& res) { verdict_api(req, res); });
   s.Get("/api/v1/status", [this](const Request&, Response& res) {
-    res.set_content(console_json::status(store.status(), store.per_day(std::time(nullptr) - 30 * 86400)),
+    res.set_content(console_json::status(status(), store.per_day(std::time(nullptr) - 30 * 86400)),
                     "application/json");
   });
   s.Get("/metrics", [this](const Request&, Response& res) {
-    res.set_content(metrics_text(status_metrics(store.status())), "text/plain; version=0.0.4; charset=utf-8");
+    res.set_content(metrics_text(status_metrics(status())), "text/plain; version=0.0.4; charset=utf-8");
   });
   const auto refuse = [this](const Request& req, Response& res) { method_not_allowed(req, res); };
   s.Get(".*", refuse);

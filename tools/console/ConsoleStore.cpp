@@ -149,8 +149,6 @@ StatusFigures ConsoleStore::status() const {
   StatusFigures figures;
   figures.pending = single_number(db, console_sql::kPendingJobs);
   figures.awaiting_verdict = single_number(db, console_sql::kAwaitingVerdict);
-  figures.history_rows = single_number(db, console_sql::kHistoryRows);
-  figures.workloads = single_number(db, console_sql::kWorkloads);
   figures.models = single_number(db, console_sql::kCalibratedModels);
   figures.newest_detection = static_cast<time_t>(single_number(db, console_sql::kNewestDetection));
   Statement st(db.handle, console_sql::kAnomaliesByState);
@@ -161,6 +159,18 @@ StatusFigures ConsoleStore::status() const {
   });
   db.commit_transaction();
   return figures;
+}
+
+HistoryTally::Counts ConsoleStore::history_counts() const {
+  AnomalyStore store(path_);
+  DBAccess& db = store.database();
+  db.begin_transaction();
+  HistoryTally::Counts counts;
+  counts.taken = std::time(nullptr);
+  counts.rows = single_number(db, console_sql::kHistoryRows);
+  counts.workloads = single_number(db, console_sql::kWorkloads);
+  db.commit_transaction();
+  return counts;
 }
 
 std::vector<std::pair<std::string, long long>> ConsoleStore::per_day(time_t since) const {

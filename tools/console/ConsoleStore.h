@@ -15,6 +15,7 @@
 
 #include "tools/AnomalyStore.h"
 #include "tools/console/AnomalyState.h"
+#include "tools/console/HistoryTally.h"
 
 struct ListQuery {
   std::string client;   // exact, letter case ignored; empty for any
@@ -46,6 +47,7 @@ struct AnomalyDetail {
 // The queue, the history and the models, and the anomalies by state.
 struct StatusFigures {
   long long pending = 0, awaiting_verdict = 0, history_rows = 0, workloads = 0, models = 0;
+  time_t history_counted = 0;  // when history_rows and workloads were counted
   std::array<long long, kAnomalyStateCount> by_state{};
   long long anomalies = 0;
   time_t newest_detection = 0;  // 0 when there is none
@@ -68,7 +70,10 @@ class ConsoleStore {
   ListTotals totals(const ListQuery& query, time_t now) const;
   // With days, the workload history of that many days before the job.
   std::optional<AnomalyDetail> detail(const std::string& id, int days) const;
+  // Every figure but the history's two, which history_counts() gives.
   StatusFigures status() const;
+  // The history's rows and distinct workloads: a pass over the whole table.
+  HistoryTally::Counts history_counts() const;
   // Anomalies per local day, oldest first, from since on: (YYYY-MM-DD, count),
   // days without anomalies left out.
   std::vector<std::pair<std::string, long long>> per_day(time_t since) const;
