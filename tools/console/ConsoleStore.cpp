@@ -182,33 +182,23 @@ std::vector<std::pair<std::string, long long>> ConsoleStore::per_day(time_t sinc
   return days;
 }
 
-VerdictOutcome ConsoleStore::report_false_positive(const std::string& id) const {
+// Both verdicts take an open anomaly only: the same verdict again changes
+// nothing, the other one conflicts. A false positive also needs its job
+// still queued, where the next pass looks for it.
+VerdictOutcome ConsoleStore::give_verdict(const std::string& id, bool false_positive) const {
   VerdictTransaction transaction(path_);
   const auto found = transaction.state_of(id);
   if (!found) return VerdictOutcome::unknown;
-  switch (found->first) {
-    case AnomalyState::acknowledged: return VerdictOutcome::conflict;
-    case AnomalyState::false_positive_waiting:
-    case AnomalyState::false_positive_learned: return VerdictOutcome::already;
-    case AnomalyState::open: break;
+  if (found->first != AnomalyState::open) {
+    const bool is_false_positive = found->first != AnomalyState::acknowledged;
+    return is_false_positive == false_positive ? VerdictOutcome::already : VerdictOutcome::conflict;
   }
-  if (!transaction.job_queued(found->second)) return VerdictOutcome::job_gone;
-  transaction.run(console_sql::kInsertFalsePositive, id);
+  if (false_positive && !transaction.job_queued(found->second)) return VerdictOutcome::job_gone;
+  transaction.run(false_positive ? console_sql::kInsertFalsePositive : console_sql::kAcknowledge, id);
   transaction.commit();
   return VerdictOutcome::recorded;
 }
 
-VerdictOutcome ConsoleStore::acknowledge(const std::string& id) const {
-  VerdictTransaction transaction(path_);
-  const auto found = transaction.state_of(id);
-  if (!found) return VerdictOutcome::unknown;
-  switch (found->first) {
-    case AnomalyState::acknowledged: return VerdictOutcome::already;
-    case AnomalyState::false_positive_waiting:
-    case AnomalyState::false_positive_learned: return VerdictOutcome::conflict;
-    case AnomalyState::open: break;
-  }
-  transaction.run(console_sql::kAcknowledge, id);
-  transaction.commit();
-  return VerdictOutcome::recorded;
-}
+VerdictOutcome ConsoleStore::report_false_positive(const std::string& id) const { return give_verdict(id, true); }
+
+VerdictOutcome ConsoleStore::acknowledge(const std::string& id) const { return give_verdict(id, false); }

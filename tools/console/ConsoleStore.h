@@ -85,5 +85,7 @@ class ConsoleStore {
   static constexpr int kBusyTimeoutMs = 10000;
 
  private:
+  VerdictOutcome give_verdict(const std::string& id, bool false_positive) const;
+
   std::string path_;
 };
