@@ -32,14 +32,22 @@ inline constexpr const char* kAnomaliesPerDay =
 // An anomaly's state, for the row of ANOMALY_DATA aliased t: 3 acknowledged
 // (the operator handled it), 2 false positive learned (a pass took the job
 // into the history as a confirmed normal job), 1 false positive waiting for
-// that pass (a verdict row exists), 0 open. The order of the tests is the
-// precedence: a verdict row left behind by an interrupted pass does not
-// make a learned job waiting again.
+// that pass (a verdict row exists), 0 open.
+//
+// A job still queued has not been learned: the pass that learns a verdict
+// moves the job from the queue into the history, and one interrupted in
+// between finds the verdict again and finishes. So the history, millions of
+// rows, is searched only for the few anomalies whose job left the queue,
+// and the queue's small index answers for the others. "+f.FEEDBACK" keeps
+// SQLite from searching the verdicts by their value (every verdict row, for
+// every anomaly) rather than by id.
 inline std::string state_of(const std::string& t) {
-  return "CASE WHEN " + t + ".ANOMALY_STATE = 1 THEN 3 WHEN EXISTS (SELECT 1 FROM HIST_DATA h WHERE h.UNIQUE_KEY = " +
-         t + ".DETECTION_KEY AND h.USER_IDENTIFIED_CLUSTER = 1) THEN 2 WHEN EXISTS (SELECT 1 FROM "
-         "ANOMALY_DATA_FEEDBACK f WHERE f.ANOMALY_UNIQUE_ID = " + t + ".ANOMALY_UNIQUE_ID AND f.FEEDBACK = 1) THEN 1 "
-         "ELSE 0 END";
+  const std::string verdict = "EXISTS (SELECT 1 FROM ANOMALY_DATA_FEEDBACK f WHERE f.ANOMALY_UNIQUE_ID = " + t +
+                              ".ANOMALY_UNIQUE_ID AND +f.FEEDBACK = 1)";
+  return "CASE WHEN " + t + ".ANOMALY_STATE = 1 THEN 3 WHEN EXISTS (SELECT 1 FROM DATA_TO_PROCESS q WHERE "
+         "q.UNIQUE_KEY = " + t + ".DETECTION_KEY) THEN CASE WHEN " + verdict + " THEN 1 ELSE 0 END WHEN EXISTS "
+         "(SELECT 1 FROM HIST_DATA h WHERE h.UNIQUE_KEY = " + t + ".DETECTION_KEY AND h.USER_IDENTIFIED_CLUSTER = 1) "
+         "THEN 2 WHEN " + verdict + " THEN 1 ELSE 0 END";
 }
 
 // A member of the payload's Attributes for the row aliased t, NULL when the
@@ -60,16 +68,17 @@ inline std::string list_filter(const std::string& t) {
          state_of(t) + ") = ?5)";
 }
 
-// One page of the filtered list, newest first: ?6 rows from ?7 on. The page
-// is chosen on rowid and time alone; payload members and states are then
-// computed for its rows only.
+// One page of the filtered list, the latest reported first (the detector
+// appends each report, so rowid order is report order, and walking the
+// table backwards needs no sort): ?6 rows from ?7 on. The page is chosen on
+// rowid and the filter alone; payload members and states are then computed
+// for its rows only.
 inline const std::string kListPage =
     "SELECT a.ANOMALY_UNIQUE_ID AS ID, a.CLIENT AS CLIENT, a.DETECTION_TIME AS DETECTION_TIME, " +
     payload_member("a", "policyName") + " AS POLICY, " + payload_member("a", "summary") + " AS SUMMARY, " +
     payload_member("a", "score") + " AS SCORE, " + state_of("a") +
-    " AS STATE FROM (SELECT p.rowid AS R, p.DETECTION_TIME AS T FROM ANOMALY_DATA p WHERE " + list_filter("p") +
-    " ORDER BY T DESC, R DESC LIMIT ?6 OFFSET ?7) page JOIN ANOMALY_DATA a ON a.rowid = page.R "
-    "ORDER BY page.T DESC, page.R DESC";
+    " AS STATE FROM (SELECT p.rowid AS R FROM ANOMALY_DATA p WHERE " + list_filter("p") +
+    " ORDER BY R DESC LIMIT ?6 OFFSET ?7) page JOIN ANOMALY_DATA a ON a.rowid = page.R ORDER BY page.R DESC";
 
 // The figures of the filtered list's tiles: N all, CLIENTS distinct clients,
 // DAY and WEEK detected at or after ?6 and ?7.

@@ -95,7 +95,7 @@ std::string ConsoleFixture::csrf_of_page(const std::string& cookie, const std::s
 std::vector<std::string> ConsoleFixture::anomaly_ids() const {
   DBAccess access(db(), SQLITE_OPEN_READONLY);
   Rows rows;
-  access.read_data("SELECT ANOMALY_UNIQUE_ID FROM ANOMALY_DATA ORDER BY DETECTION_TIME DESC, rowid DESC", rows);
+  access.read_data("SELECT ANOMALY_UNIQUE_ID FROM ANOMALY_DATA ORDER BY rowid DESC", rows);
   std::vector<std::string> ids;
   for (Row& row : rows) ids.push_back(std::string(row["ANOMALY_UNIQUE_ID"]));
   return ids;

@@ -39,7 +39,7 @@ class ConsoleFixture : public ::testing::Test {
   // The CSRF token of the forms on an anomaly's page.
   std::string csrf_of_page(const std::string& cookie, const std::string& id);
 
-  // Ids of the reported anomalies, newest first.
+  // Ids of the reported anomalies, the latest reported first.
   std::vector<std::string> anomaly_ids() const;
   long long count(const std::string& sql) const;
   // Reports an anomaly as the detector would, for a client name of the
