@@ -2,7 +2,8 @@
 // under /api/v1/ and /metrics, on cpp-httplib's thread pool. It owns the
 // checks every request passes first (header size, Host, token or session,
 // Origin, CSRF) and the security headers every response carries. Reads and
-// writes go through ConsoleStore; nothing is cached between requests.
+// writes go through ConsoleStore, afresh for every request but the history's
+// two counts, which a HistoryTally keeps.
 #pragma once
 
 #include <memory>
