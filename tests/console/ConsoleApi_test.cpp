@@ -10,6 +10,9 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <thread>
+#include <chrono>
+#include <cstdio>
 
 #include "platform/VisibleText.h"
 #include "storage/DBAccess.h"
@@ -270,4 +273,43 @@ TEST_F(ConsoleApiTest, HostileClientNamesComeBackEscaped) {
   auto page = client().Get("/anomalies/" + id, {{"Cookie", cookie}});
   EXPECT_NE(page->body.find("&lt;script&gt;alert(1)&lt;/script&gt; &quot;q&quot; &#39;a&#39; &amp;"), std::string::npos)
       << page->body.substr(0, 2000);
+}
+
+TEST_F(ConsoleApiTest, AVerdictWaitsForTheDetectorsWriteLock) {
+  ASSERT_TRUE(start());
+  Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess detector(db(), SQLITE_OPEN_READWRITE);
+  detector.execute_query("BEGIN IMMEDIATE");
+  std::thread release([&detector] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    detector.execute_query("COMMIT");
+  });
+  const auto started = std::chrono::steady_clock::now();
+  auto res = client().Post("/api/v1/anomalies/" + anomaly_ids().front() + "/acknowledge", bearer(), "", "text/plain");
+  const auto waited = std::chrono::steady_clock::now() - started;
+  release.join();
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200) << res->body;
+  EXPECT_GE(waited, std::chrono::milliseconds(700)) << "the verdict did not wait for the lock";
+  EXPECT_EQ(count("SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE ANOMALY_STATE = 1"), 1);
+}
+
+TEST_F(ConsoleApiTest, ADatabaseGoneWhileServingGivesA500InJson) {
+  ASSERT_TRUE(start());
+  ASSERT_EQ(std::rename(db().c_str(), (db() + ".moved").c_str()), 0);
+  auto res = client().Get("/api/v1/status", bearer());
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 500);
+  EXPECT_NE(res->body.find("\"status\":500"), std::string::npos) << res->body;
+  EXPECT_EQ(res->body.find(dir.path()), std::string::npos) << "the error names no path to the client";
+}
+
+TEST_F(ConsoleApiTest, StartUpFailuresSayWhy) {
+  std::string out, err;
+  EXPECT_EQ(ctl({"serve", "--help"}, &out), 0);
+  EXPECT_NE(out.find("usage: tsanomalyctl serve DB"), std::string::npos);
+  EXPECT_EQ(ctl({"serve", dir.file("missing.db"), "--listen", "127.0.0.1:0"}, nullptr, &err), 1);
+  EXPECT_NE(err.find("cannot read database"), std::string::npos) << err;
+  ASSERT_TRUE(start());
+  EXPECT_EQ(ctl({"serve", db(), "--listen", "127.0.0.1:" + std::to_string(port)}, nullptr, &err), 1);
+  EXPECT_NE(err.find("cannot listen on 127.0.0.1:" + std::to_string(port)), std::string::npos) << err;
 }

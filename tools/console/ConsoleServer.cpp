@@ -200,6 +200,13 @@ void ConsoleServer::Impl::make_server() {
   } else {
     server = std::make_unique<httplib::Server>();
   }
+  // SO_REUSEADDR only, for a restart while old connections linger; not the
+  // library's default SO_REUSEPORT, which would let a second server bound
+  // to the same port take a share of the connections.
+  server->set_socket_options([](socket_t sock) {
+    const int yes = 1;
+    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
   server->set_read_timeout(kReadTimeoutSeconds, 0);
   server->set_write_timeout(kReadTimeoutSeconds, 0);
   server->set_keep_alive_timeout(kReadTimeoutSeconds);
