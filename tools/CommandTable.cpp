@@ -9,6 +9,7 @@
 #include "tools/FeedbackCommand.h"
 #include "tools/InitCommand.h"
 #include "tools/ReportCommand.h"
+#include "tools/ServeCommand.h"
 #include "tools/SimulateCommand.h"
 #include "tools/StatusCommand.h"
 #include "tools/UpgradeCommand.h"
@@ -22,6 +23,7 @@ const Command kCommands[] = {
     {"feedback", "report an anomaly as a false positive", kFeedbackHelp, run_feedback},
     {"explain", "show how a job of the queue is judged, step by step", kExplainHelp, run_explain},
     {"report", "write an HTML page of the anomalies with charts", kReportHelp, run_report},
+    {"serve", "serve the operator console: pages, JSON API, metrics", kServeHelp, run_serve},
     {"status", "queue, history, models and recent anomalies", kStatusHelp, run_status},
     {"simulate", "fill a database with synthetic backup jobs", kSimulateHelp, run_simulate},
     {"upgrade", "compare a database with the detector's schema; add what is missing", kUpgradeHelp, run_upgrade},

@@ -214,15 +214,17 @@ void HtmlReport::summarise(const std::vector<AnomalyRecord>& all) {
 }
 
 void HtmlReport::add_card(const AnomalyRecord& anomaly, const WorkloadHistory& history) {
-  cards_ += card(anomaly, history);
+  cards_ += card(anomaly, history, generated_at_);
   ++card_count_;
 }
 
-std::string HtmlReport::card(const AnomalyRecord& anomaly, const WorkloadHistory& history) const {
+const char* HtmlReport::stylesheet() { return kStyle; }
+
+std::string HtmlReport::card(const AnomalyRecord& anomaly, const WorkloadHistory& history, time_t now) {
   std::string out = "<article class=\"card\" data-anomaly-id=\"" + html_escape(anomaly.id) + "\">\n";
   out += "<div class=\"card-head\"><div><h2 class=\"client\">" + or_dash(anomaly.client) + "</h2>";
   out += "<div class=\"when\">Detected <time>" + html_escape(local_time_text(anomaly.detection_time, "%Y-%m-%d %H:%M:%S")) +
-         "</time> \xC2\xB7 " + relative(generated_at_, anomaly.detection_time) + "</div></div>";
+         "</time> \xC2\xB7 " + relative(now, anomaly.detection_time) + "</div></div>";
   out += "<span class=\"score\" title=\"Distance to the nearest cluster of normal jobs; larger is stranger\">Score " +
          or_dash(anomaly.score) + "</span></div>\n";
 

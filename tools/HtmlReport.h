@@ -28,8 +28,14 @@ class HtmlReport {
   static std::optional<SvgChart> chart_for(const std::string& member, const std::string& text,
                                            const WorkloadHistory& history);
 
+  // One anomaly's card (client, detection time relative to now, score,
+  // kinds, facts, a chart per feature out of range), for any page that
+  // carries stylesheet().
+  static std::string card(const AnomalyRecord& anomaly, const WorkloadHistory& history, time_t now);
+  // The CSS of the report's summary tiles, legend and cards.
+  static const char* stylesheet();
+
  private:
-  std::string card(const AnomalyRecord& anomaly, const WorkloadHistory& history) const;
 
   std::string database_path_;
   time_t generated_at_;

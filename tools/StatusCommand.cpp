@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/VisibleText.h"
+#include "schema/ConsoleSql.h"
 #include "schema/SchemaAudit.h"
 #include "storage/Statement.h"
 #include "tools/AnomalyStore.h"
@@ -108,19 +109,17 @@ int run_status(int argc, char** argv) {
     const auto line = [](const char* label, long long value) {
       std::cout << label << std::string(28 - std::string(label).size(), ' ') << value << "\n";
     };
-    line("Pending jobs", count(store, "SELECT COUNT(*) AS N FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 0"));
-    line("Processed, awaiting verdict", count(store, "SELECT COUNT(*) AS N FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 1"));
-    line("History rows", count(store, "SELECT COUNT(*) AS N FROM HIST_DATA"));
+    line("Pending jobs", count(store, console_sql::kPendingJobs));
+    line("Processed, awaiting verdict", count(store, console_sql::kAwaitingVerdict));
+    line("History rows", count(store, console_sql::kHistoryRows));
     line("Workloads",
-         count(store,
-               "SELECT COUNT(*) AS N FROM (SELECT DISTINCT CLIENT, POLICY, POLICY_TYPE, APP_TYPE, SCHEDULE_TYPE, "
-               "SCHEDULE_NAME, DESTINATION_STORAGE_NAME, ASSET_ID FROM HIST_DATA)"));
-    line("Calibrated models", count(store, "SELECT COUNT(*) AS N FROM DBSCAN_MODEL_PARAMS"));
+         count(store, console_sql::kWorkloads));
+    line("Calibrated models", count(store, console_sql::kCalibratedModels));
     line("Anomalies, last 24 hours",
-         count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE DETECTION_TIME >= ?", now - 86400));
+         count(store, console_sql::kAnomaliesSince, now - 86400));
     line("Anomalies, last 7 days",
-         count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE DETECTION_TIME >= ?", now - 7 * 86400));
-    line("Anomalies, total", count(store, "SELECT COUNT(*) AS N FROM ANOMALY_DATA"));
+         count(store, console_sql::kAnomaliesSince, now - 7 * 86400));
+    line("Anomalies, total", count(store, console_sql::kAnomaliesTotal));
     print_unjudgeable(path, args.value("-config_file").value_or(""));
     print_unknown_schema_objects(store);
     print_schema_findings(store, path);

@@ -68,6 +68,16 @@ check_exposure "$alert_unit"
 sqlite3 /var/lib/tsanomalydetect/anomaly.db "SELECT COUNT(*) FROM ALERT_DELIVERY" >/dev/null \
   || fail "postinst did not create the alert tables"
 
+console=/usr/lib/systemd/system/tsanomalyconsole.service
+for line in User=tsanomaly StateDirectory=tsanomalydetect IPAddressDeny=any IPAddressAllow=localhost \
+            'RestrictAddressFamilies=AF_UNIX AF_INET AF_INET6'; do
+  grep -qx "$line" "$console" || fail "the console's unit lacks $line"
+done
+grep -q -- '--token-file /etc/tsanomalydetect/console.token' "$console" || fail "the console's unit names no token file"
+# The console's token: made on install, readable by the service user only.
+check test "$(owner_mode /etc/tsanomalydetect/console.token)" = "tsanomaly:tsanomaly 600"
+check test "$(wc -c < /etc/tsanomalydetect/console.token)" -eq 64
+check_exposure "$console"
 # A database left root-owned by an earlier version is handed over on upgrade.
 chown root:root /var/lib/tsanomalydetect/anomaly.db
 chmod 0644 /var/lib/tsanomalydetect/anomaly.db
@@ -82,6 +92,7 @@ check test ! -e /usr/bin/tsanomalyctl
 grep -q 'edited by the administrator' /etc/tsanomalydetect/tsanomalydetect.ini || fail "removal lost the edited conffile"
 dpkg -P tsanomalydetect >/dev/null
 check test ! -e /etc/tsanomalydetect/tsanomalydetect.ini
+check test ! -e /etc/tsanomalydetect/console.token
 dpkg-query -W tsanomalydetect >/dev/null 2>&1 && fail "package still known after purge"
 
 if [ "$data_existed" = no ]; then rm -rf /var/lib/tsanomalydetect; fi

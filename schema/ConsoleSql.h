@@ -1,0 +1,110 @@
+// The SQL texts of the operator's views of a detector database: the status
+// figures that tsanomalyctl status, the console's status page and its
+// metrics share, and the console's anomaly list, anomaly states and
+// verdicts. Reads run on read-only connections; the two verdict writes run
+// inside one short BEGIN IMMEDIATE transaction each. Every name, date and
+// id a request carries is a bound parameter, never part of a text.
+#pragma once
+
+#include <string>
+
+namespace console_sql {
+
+// Status figures: each yields one row with one column named N.
+inline constexpr const char* kPendingJobs = "SELECT COUNT(*) AS N FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 0";
+inline constexpr const char* kAwaitingVerdict =
+    "SELECT COUNT(*) AS N FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 1";
+inline constexpr const char* kHistoryRows = "SELECT COUNT(*) AS N FROM HIST_DATA";
+inline constexpr const char* kWorkloads =
+    "SELECT COUNT(*) AS N FROM (SELECT DISTINCT CLIENT, POLICY, POLICY_TYPE, APP_TYPE, SCHEDULE_TYPE, "
+    "SCHEDULE_NAME, DESTINATION_STORAGE_NAME, ASSET_ID FROM HIST_DATA)";
+inline constexpr const char* kCalibratedModels = "SELECT COUNT(*) AS N FROM DBSCAN_MODEL_PARAMS";
+inline constexpr const char* kAnomaliesSince = "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE DETECTION_TIME >= ?";
+inline constexpr const char* kAnomaliesTotal = "SELECT COUNT(*) AS N FROM ANOMALY_DATA";
+inline constexpr const char* kNewestDetection = "SELECT COALESCE(MAX(DETECTION_TIME), 0) AS N FROM ANOMALY_DATA";
+
+// Anomalies per local calendar day since ?1 (epoch seconds): DAY as
+// YYYY-MM-DD, N the count.
+inline constexpr const char* kAnomaliesPerDay =
+    "SELECT date(DETECTION_TIME, 'unixepoch', 'localtime') AS DAY, COUNT(*) AS N FROM ANOMALY_DATA "
+    "WHERE DETECTION_TIME >= ?1 GROUP BY DAY ORDER BY DAY";
+
+// An anomaly's state, for the row of ANOMALY_DATA aliased t: 3 acknowledged
+// (the operator handled it), 2 false positive learned (a pass took the job
+// into the history as a confirmed normal job), 1 false positive waiting for
+// that pass (a verdict row exists), 0 open.
+//
+// A job still queued has not been learned: the pass that learns a verdict
+// moves the job from the queue into the history, and one interrupted in
+// between finds the verdict again and finishes. So the history, millions of
+// rows, is searched only for the few anomalies whose job left the queue,
+// and the queue's small index answers for the others. "+f.FEEDBACK" keeps
+// SQLite from searching the verdicts by their value (every verdict row, for
+// every anomaly) rather than by id.
+inline std::string state_of(const std::string& t) {
+  const std::string verdict = "EXISTS (SELECT 1 FROM ANOMALY_DATA_FEEDBACK f WHERE f.ANOMALY_UNIQUE_ID = " + t +
+                              ".ANOMALY_UNIQUE_ID AND +f.FEEDBACK = 1)";
+  return "CASE WHEN " + t + ".ANOMALY_STATE = 1 THEN 3 WHEN EXISTS (SELECT 1 FROM DATA_TO_PROCESS q WHERE "
+         "q.UNIQUE_KEY = " + t + ".DETECTION_KEY) THEN CASE WHEN " + verdict + " THEN 1 ELSE 0 END WHEN EXISTS "
+         "(SELECT 1 FROM HIST_DATA h WHERE h.UNIQUE_KEY = " + t + ".DETECTION_KEY AND h.USER_IDENTIFIED_CLUSTER = 1) "
+         "THEN 2 WHEN " + verdict + " THEN 1 ELSE 0 END";
+}
+
+// A member of the payload's Attributes for the row aliased t, NULL when the
+// payload is not JSON (json_extract would fail the whole query on one
+// damaged row).
+inline std::string payload_member(const std::string& t, const char* member) {
+  return "CASE WHEN json_valid(" + t + ".ANOMALY_PAYLOAD) THEN json_extract(" + t +
+         ".ANOMALY_PAYLOAD, '$.Attributes." + member + "') END";
+}
+
+// The list's filter over the rows aliased t. ?1 client and ?2 policy
+// lower-cased ('' for any), ?3 and ?4 the detection time range [from, to),
+// ?5 the state (-1 for any). Each test is skipped when its parameter says
+// "any", so an unfiltered list computes neither payload members nor states.
+inline std::string list_filter(const std::string& t) {
+  return "(?1 = '' OR lower(" + t + ".CLIENT) = ?1) AND (?2 = '' OR lower(" + payload_member(t, "policyName") +
+         ") = ?2) AND " + t + ".DETECTION_TIME >= ?3 AND " + t + ".DETECTION_TIME < ?4 AND (?5 < 0 OR (" +
+         state_of(t) + ") = ?5)";
+}
+
+// One page of the filtered list, the latest reported first (the detector
+// appends each report, so rowid order is report order, and walking the
+// table backwards needs no sort): ?6 rows from ?7 on. The page is chosen on
+// rowid and the filter alone; payload members and states are then computed
+// for its rows only.
+inline const std::string kListPage =
+    "SELECT a.ANOMALY_UNIQUE_ID AS ID, a.CLIENT AS CLIENT, a.DETECTION_TIME AS DETECTION_TIME, " +
+    payload_member("a", "policyName") + " AS POLICY, " + payload_member("a", "summary") + " AS SUMMARY, " +
+    payload_member("a", "score") + " AS SCORE, " + state_of("a") +
+    " AS STATE FROM (SELECT p.rowid AS R FROM ANOMALY_DATA p WHERE " + list_filter("p") +
+    " ORDER BY R DESC LIMIT ?6 OFFSET ?7) page JOIN ANOMALY_DATA a ON a.rowid = page.R ORDER BY page.R DESC";
+
+// The figures of the filtered list's tiles: N all, CLIENTS distinct clients,
+// DAY and WEEK detected at or after ?6 and ?7.
+inline const std::string kListTotals =
+    "SELECT COUNT(*) AS N, COUNT(DISTINCT a.CLIENT) AS CLIENTS, COALESCE(SUM(a.DETECTION_TIME >= ?6), 0) AS DAY, "
+    "COALESCE(SUM(a.DETECTION_TIME >= ?7), 0) AS WEEK FROM ANOMALY_DATA a WHERE " +
+    list_filter("a");
+
+// Every anomaly by state: STATE and N, states without anomalies left out.
+inline const std::string kAnomaliesByState =
+    "SELECT " + state_of("a") + " AS STATE, COUNT(*) AS N FROM ANOMALY_DATA a GROUP BY STATE";
+
+// One anomaly's state by id (no row for an unknown id).
+inline const std::string kStateById =
+    "SELECT " + state_of("a") + " AS STATE, a.DETECTION_KEY AS DETECTION_KEY FROM ANOMALY_DATA a "
+    "WHERE a.ANOMALY_UNIQUE_ID = ?1";
+
+// Whether the reported job is still queued: the next pass can only learn a
+// false positive whose job it finds there.
+inline constexpr const char* kJobQueued = "SELECT COUNT(*) AS N FROM DATA_TO_PROCESS WHERE UNIQUE_KEY = ?1";
+
+// The verdicts. A false positive is the row the detector's next pass folds
+// into the history; an acknowledgement marks a real anomaly as handled.
+inline constexpr const char* kInsertFalsePositive =
+    "INSERT INTO ANOMALY_DATA_FEEDBACK (ANOMALY_UNIQUE_ID, FEEDBACK) VALUES (?1, 1)";
+inline constexpr const char* kAcknowledge =
+    "UPDATE ANOMALY_DATA SET ANOMALY_STATE = 1 WHERE ANOMALY_UNIQUE_ID = ?1 AND ANOMALY_STATE = 0";
+
+}  // namespace console_sql

@@ -1,0 +1,16 @@
+// UrlText: text made safe for a URL path segment or query value, and the
+// console's one spelling of an anomaly's address. Other programs (alert
+// messages) link to CONSOLE_URL + kAnomalyPathPrefix + id, so the prefix is
+// part of the console's interface.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+inline constexpr std::string_view kAnomalyPathPrefix = "/anomalies/";
+
+// Every byte but the unreserved ones (letters, digits, "-._~") as %XX.
+std::string percent_encode(std::string_view text);
+
+// "/anomalies/<id, percent-encoded>".
+std::string anomaly_path(std::string_view id);
