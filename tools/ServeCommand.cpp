@@ -18,7 +18,7 @@
 
 const char* const kServeHelp =
     "usage: tsanomalyctl serve DB [--listen ADDR:PORT] [--token-file FILE]\n"
-    "                             [--tls-cert FILE --tls-key FILE]\n"
+    "                             [--tls-cert FILE --tls-key FILE] [-config_file INI]\n"
     "\n"
     "Serves the operator console for the detector database DB: the anomalies,\n"
     "newest first, with filters; one anomaly with its charts and the actions\n"
@@ -36,6 +36,9 @@ const char* const kServeHelp =
     "                      with a random token when missing (default: DB.console-token)\n"
     "  --tls-cert FILE     serve HTTPS with this certificate (PEM) ...\n"
     "  --tls-key FILE      ... and this private key\n"
+    "  -config_file INI    the detector's configuration, with which the status page\n"
+    "                      counts the pending jobs the next pass cannot judge\n"
+    "                      (default: the built-in settings)\n"
     "\n"
     "SIGTERM or SIGINT stops the server; it exits with status 0.\n";
 
@@ -98,7 +101,7 @@ int serve(ConsoleConfig config, const std::string& token_file) {
 }  // namespace
 
 int run_serve(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{}, {"--listen", "--token-file", "--tls-cert", "--tls-key"}, 1, 1});
+  CommandArgs args(argc, argv, {{}, {"--listen", "--token-file", "--tls-cert", "--tls-key", "-config_file"}, 1, 1});
   if (auto exit_code = args.help_or_usage_error("serve", kServeHelp)) return *exit_code;
   ConsoleConfig config;
   config.database = args.positional()[0];
@@ -116,6 +119,7 @@ int run_serve(int argc, char** argv) {
   }
   config.tls_cert = args.value("--tls-cert");
   config.tls_key = args.value("--tls-key");
+  config.config_file = args.value("-config_file").value_or("");
   if (config.tls_cert.has_value() != config.tls_key.has_value()) {
     return usage_error("--tls-cert and --tls-key go together");
   }

@@ -15,12 +15,14 @@
 #include <cstdio>
 
 #include "platform/VisibleText.h"
+#include "schema/AnomalySchema.h"
 #include "storage/DBAccess.h"
 #include "tests/console/ConsoleFixture.h"
 #include "util/Text.h"
 
 namespace {
 
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Json = std::unique_ptr<json_t, decltype(&json_decref)>;
 
 Json parse(const std::string& text) {
@@ -191,6 +193,39 @@ TEST_F(ConsoleApiTest, StatusGivesTheQueueHistoryModelsAndDays) {
   json_t* days = json_object_get(status.get(), "anomalies_per_day");
   ASSERT_EQ(json_array_size(days), 1u);
   EXPECT_EQ(integer(json_array_get(days, 0), "anomalies"), anomalies);
+}
+
+TEST_F(ConsoleApiTest, StatusShowsAlertChannelsAndTheJobsThePassCannotJudge) {
+  {
+    DBAccess file(db(), SQLITE_OPEN_READWRITE);
+    file.execute_query(anomaly_schema::alert_db_sql());
+    file.execute_query(
+        "INSERT INTO ALERT_DELIVERY (ANOMALY_UNIQUE_ID, CHANNEL, STATE, ATTEMPTS, FIRST_SEEN, NEXT_ATTEMPT, "
+        "DELIVERED_TIME) VALUES ('a1', 'webhook', 1, 1, 100, 100, 101), ('a2', 'webhook', 2, 9, 100, 100, NULL), "
+        "('a3', 'syslog', 1, 1, 100, 100, 101)");
+    // Two later jobs of reported workloads, on storage the workloads moved
+    // to: the fallback set, which the built-in settings cannot judge them on.
+    file.execute_query(
+        "CREATE TEMP TABLE moved AS SELECT * FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 1 LIMIT 2;"
+        "UPDATE moved SET UNIQUE_KEY = UNIQUE_KEY || '-moved', DESTINATION_STORAGE_NAME = 'new-pool', "
+        "PROCESSED_STATUS = 0, BACKUP_TIME = BACKUP_TIME + 86400, JOB_ID = JOB_ID + 100000;"
+        "INSERT INTO DATA_TO_PROCESS SELECT * FROM moved;");
+  }
+  ASSERT_TRUE(start());
+  Json status = parse(client().Get("/api/v1/status", bearer())->body);
+  json_t* channels = json_object_get(status.get(), "alert_channels");
+  ASSERT_EQ(json_array_size(channels), 2u);
+  EXPECT_EQ(str(json_array_get(channels, 1), "channel"), "webhook");
+  EXPECT_EQ(integer(json_array_get(channels, 1), "delivered"), 1);
+  EXPECT_EQ(integer(json_array_get(channels, 1), "given_up"), 1);
+  EXPECT_EQ(integer(json_object_get(status.get(), "pending_jobs_not_judgeable"), "unequal_features"), 2);
+  const std::string metrics = client().Get("/metrics")->body;
+  EXPECT_NE(metrics.find("tsanomaly_alerts_delivered{channel=\"webhook\"} 1\n"), std::string::npos) << metrics;
+  EXPECT_NE(metrics.find("tsanomaly_alerts_given_up{channel=\"webhook\"} 1\n"), std::string::npos) << metrics;
+  const std::string cookie = sign_in();
+  const std::string page = client().Get("/status", {{"Cookie", cookie}})->body;
+  EXPECT_NE(page.find("JUDGE_ON_FALLBACK_FEATURES=1"), std::string::npos) << page;
+  EXPECT_NE(page.find("data-channel=\"webhook\""), std::string::npos) << page;
 }
 
 // Every line of the text exposition format: HELP and TYPE before a family's

@@ -125,6 +125,25 @@ std::string status(const StatusFigures& figures, const std::vector<std::pair<std
     json_object_set_new(states, info.slug, json_integer(figures.by_state[static_cast<int>(info.state)]));
   }
   json_object_set_new(root, "anomalies_by_state", states);
+  if (figures.unjudgeable) {
+    json_t* unjudgeable = json_object();
+    json_object_set_new(unjudgeable, "unequal_features", json_integer(figures.unjudgeable->unequal_features));
+    json_object_set_new(unjudgeable, "features_disabled", json_integer(figures.unjudgeable->features_disabled));
+    json_object_set_new(unjudgeable, "pass_failed", json_integer(figures.unjudgeable->pass_failed));
+    json_object_set_new(root, "pending_jobs_not_judgeable", unjudgeable);
+  }
+  json_t* channels = json_array();
+  for (const ChannelFigures& c : figures.alert_channels) {
+    json_t* channel = json_object();
+    json_object_set_new(channel, "channel", text(c.channel));
+    json_object_set_new(channel, "delivered", json_integer(c.delivered));
+    json_object_set_new(channel, "failing", json_integer(c.failing));
+    json_object_set_new(channel, "given_up", json_integer(c.given_up));
+    json_object_set_new(channel, "oldest_undelivered_age_seconds",
+                        c.oldest_undelivered_age ? json_integer(*c.oldest_undelivered_age) : json_null());
+    json_array_append_new(channels, channel);
+  }
+  json_object_set_new(root, "alert_channels", channels);
   json_t* days = json_array();
   for (const auto& [day, n] : per_day) {
     json_t* item = json_object();

@@ -185,6 +185,45 @@ std::string anomaly_page(const AnomalyDetail& detail, const std::string& csrf, c
   return layout("Anomaly " + record.id, body);
 }
 
+namespace {
+
+// The pending jobs the next pass would leave pending, with what changes it.
+std::string unjudgeable_section(const StatusFigures& figures) {
+  if (!figures.unjudgeable) return "";
+  const UnjudgeableCount& u = *figures.unjudgeable;
+  std::string out = "<h2>Jobs the next pass cannot judge</h2><dl class=\"figures\">";
+  out += "<div data-figure=\"unjudgeable\"><dt>Cannot be judged</dt><dd>" + std::to_string(u.total()) + "</dd></div>";
+  out += "<div data-figure=\"unequal-features\"><dt>Unequal feature sets</dt><dd>" +
+         std::to_string(u.unequal_features) + "</dd></div>";
+  out += "<div data-figure=\"features-disabled\"><dt>Every feature disabled</dt><dd>" +
+         std::to_string(u.features_disabled) + "</dd></div></dl>\n";
+  if (u.unequal_features > 0) {
+    out += "<p class=\"note\">Jobs of workloads that moved storage: set [ANOMALY_MODEL_SETTINGS] "
+           "JUDGE_ON_FALLBACK_FEATURES=1 to judge them on the two features of their history across storages.</p>\n";
+  }
+  if (u.features_disabled > 0) {
+    out += "<p class=\"note\">See [DISABLE_FEATURE_PER_POLICY_TYPE] in the configuration.</p>\n";
+  }
+  return out;
+}
+
+// Each alert channel's deliveries.
+std::string alerts_section(const StatusFigures& figures) {
+  if (figures.alert_channels.empty()) return "";
+  std::string out = "<h2>Alerts</h2><table class=\"alerts\"><tr><th>Channel</th><th>Delivered</th><th>Failing</th>"
+                    "<th>Given up</th><th>Oldest undelivered</th></tr>";
+  for (const ChannelFigures& c : figures.alert_channels) {
+    out += "<tr data-channel=\"" + html_escape(c.channel) + "\"><td>" + html_escape(c.channel) + "</td><td>" +
+           std::to_string(c.delivered) + "</td><td>" + std::to_string(c.failing) + "</td><td>" +
+           std::to_string(c.given_up) + "</td><td>" +
+           (c.oldest_undelivered_age ? std::to_string(*c.oldest_undelivered_age) + " s" : std::string("-")) +
+           "</td></tr>";
+  }
+  return out + "</table>\n";
+}
+
+}  // namespace
+
 std::string status_page(const StatusFigures& figures, const std::vector<std::pair<std::string, long long>>& per_day,
                         time_t now) {
   const auto figure = [](const char* name, const char* label, long long value) {
@@ -207,7 +246,8 @@ std::string status_page(const StatusFigures& figures, const std::vector<std::pai
   for (const AnomalyStateInfo& info : kAnomalyStates) {
     body += figure(info.slug, info.label, figures.by_state[static_cast<int>(info.state)]);
   }
-  body += "</dl>\n<h2>Anomalies per day, last 30 days</h2>\n" + days_chart(per_day, now) + "\n";
+  body += "</dl>\n" + unjudgeable_section(figures) + alerts_section(figures);
+  body += "<h2>Anomalies per day, last 30 days</h2>\n" + days_chart(per_day, now) + "\n";
   return layout("Status", body);
 }
 

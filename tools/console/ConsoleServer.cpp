@@ -169,8 +169,13 @@ struct ConsoleServer::Impl {
       : config(std::move(c)), store(config.database), history([this] { return store.history_counts(); },
                                                               kHistoryRecount) {}
 
-  StatusFigures status() const {
+  StatusFigures status(bool with_unjudgeable = false) const {
     StatusFigures figures = store.status();
+    if (with_unjudgeable) {
+      ReplaySettings settings;
+      settings.config_file = config.config_file;
+      figures.unjudgeable = count_unjudgeable_jobs(config.database, settings);
+    }
     const HistoryTally::Counts counts = history.latest();
     figures.history_rows = counts.rows;
     figures.workloads = counts.workloads;
@@ -384,7 +389,7 @@ void ConsoleServer::Impl::routes() {
   });
   s.Get("/status", [this](const Request&, Response& res) {
     const time_t now = std::time(nullptr);
-    res.set_content(console_pages::status_page(status(), store.per_day(now - 30 * 86400), now),
+    res.set_content(console_pages::status_page(status(true), store.per_day(now - 30 * 86400), now),
                     "text/html; charset=utf-8");
   });
   s.Post(R"(/anomalies/(.+)/(false-positive|acknowledge))",
@@ -413,7 +418,7 @@ void ConsoleServer::Impl::routes() {
   s.Post(R"(/api/v1/anomalies/(.+)/(false-positive|acknowledge))",
          [this](const Request& req, Response& res) { verdict_api(req, res); });
   s.Get("/api/v1/status", [this](const Request&, Response& res) {
-    res.set_content(console_json::status(status(), store.per_day(std::time(nullptr) - 30 * 86400)),
+    res.set_content(console_json::status(status(true), store.per_day(std::time(nullptr) - 30 * 86400)),
                     "application/json");
   });
   s.Get("/metrics", [this](const Request&, Response& res) {

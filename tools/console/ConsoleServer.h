@@ -25,6 +25,7 @@ struct ConsoleConfig {
   bool loopback = true;            // host is a loopback address
   std::string token;
   std::optional<std::string> tls_cert, tls_key;
+  std::string config_file;  // the detector's INI, for the jobs it cannot judge
 };
 
 class ConsoleServer {

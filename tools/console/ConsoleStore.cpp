@@ -157,6 +157,7 @@ StatusFigures ConsoleStore::status() const {
     figures.by_state[static_cast<int>(state_from_number(integer(cursor.text(0))))] += n;
     figures.anomalies += n;
   });
+  figures.alert_channels = alert_channel_figures(db, std::time(nullptr));
   db.commit_transaction();
   return figures;
 }

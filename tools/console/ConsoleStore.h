@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "tools/AnomalyStore.h"
+#include "tools/UnjudgeableJobs.h"
+#include "tools/alert/AlertFigures.h"
 #include "tools/console/AnomalyState.h"
 #include "tools/console/HistoryTally.h"
 
@@ -51,6 +53,10 @@ struct StatusFigures {
   std::array<long long, kAnomalyStateCount> by_state{};
   long long anomalies = 0;
   time_t newest_detection = 0;  // 0 when there is none
+  std::vector<ChannelFigures> alert_channels;  // empty without alert tables
+  // The pending jobs the next pass cannot judge; on the status page and in
+  // the status API only (it replays jobs, too slow for every scrape).
+  std::optional<UnjudgeableCount> unjudgeable;
 };
 
 enum class VerdictOutcome {
