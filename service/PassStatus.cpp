@@ -23,13 +23,6 @@ long long number(PassStatus::DBAccess& db, const char* sql, std::optional<double
   return rows.empty() ? 0 : std::strtoll(rows[0]["N"].text().c_str(), nullptr, 10);
 }
 
-std::string local_time(time_t when) {
-  struct tm local {};
-  ts_localtime(&when, &local);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-  return text;
-}
 
 }  // namespace
 
@@ -59,5 +52,5 @@ std::string PassStatus::after_pass(DBAccess& db, time_t ended, double seconds) c
   }
   char duration[32];
   std::snprintf(duration, sizeof duration, "%.1f s", seconds);
-  return "Last pass ended " + local_time(ended) + ": " + counts + "took " + duration;
+  return "Last pass ended " + local_time_text(ended) + ": " + counts + "took " + duration;
 }

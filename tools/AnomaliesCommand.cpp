@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/LocalTime.h"
 #include "platform/VisibleText.h"
 #include "tools/AnomalyStore.h"
 #include "tools/CommandArgs.h"
@@ -45,7 +46,7 @@ void print_table(const std::vector<AnomalyRecord>& records) {
   for (const AnomalyRecord& r : records) {
     // Every cell comes from the database: escaped so none can act on the terminal.
     cells.push_back({visible_text(r.id), visible_text(r.client), visible_text(r.policy),
-                     TimeText::local(r.detection_time), visible_text(r.summary), visible_text(r.score)});
+                     local_time_text(r.detection_time), visible_text(r.summary), visible_text(r.score)});
   }
   std::vector<size_t> widths;
   for (const std::string& header : headers) widths.push_back(header.size());
@@ -78,7 +79,7 @@ void print_json_lines(const std::vector<AnomalyRecord>& records) {
     json_object_set_new(line, "id", json_text(r.id));
     json_object_set_new(line, "client", json_text(r.client));
     json_object_set_new(line, "policy", json_text(r.policy));
-    json_object_set_new(line, "detection_time", json_string(TimeText::local(r.detection_time).c_str()));
+    json_object_set_new(line, "detection_time", json_string(local_time_text(r.detection_time).c_str()));
     json_object_set_new(line, "detection_epoch", json_integer(static_cast<json_int_t>(r.detection_time)));
     json_object_set_new(line, "summary", json_text(r.summary));
     json_object_set_new(line, "score", json_text(r.score));

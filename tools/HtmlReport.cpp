@@ -8,6 +8,7 @@
 #include <set>
 #include <utility>
 
+#include "platform/LocalTime.h"
 #include "service/AnomalyPayload.h"
 #include "service/Features.h"
 #include "tools/HtmlEscape.h"
@@ -26,13 +27,6 @@ const char* text_suffix(FeatureUnit unit) {
   }
 }
 
-std::string local_time_text(time_t t, const char* format) {
-  struct tm parts {};
-  if (localtime_r(&t, &parts) == nullptr) return "?";
-  char text[64];
-  if (std::strftime(text, sizeof text, format, &parts) == 0) return "?";
-  return text;
-}
 
 std::string plural(long long n, const char* one, const char* many) {
   return std::to_string(n) + " " + (n == 1 ? one : many);
@@ -223,7 +217,7 @@ const char* HtmlReport::stylesheet() { return kStyle; }
 std::string HtmlReport::card(const AnomalyRecord& anomaly, const WorkloadHistory& history, time_t now) {
   std::string out = "<article class=\"card\" data-anomaly-id=\"" + html_escape(anomaly.id) + "\">\n";
   out += "<div class=\"card-head\"><div><h2 class=\"client\">" + or_dash(anomaly.client) + "</h2>";
-  out += "<div class=\"when\">Detected <time>" + html_escape(local_time_text(anomaly.detection_time, "%Y-%m-%d %H:%M:%S")) +
+  out += "<div class=\"when\">Detected <time>" + html_escape(local_time_text(anomaly.detection_time)) +
          "</time> \xC2\xB7 " + relative(now, anomaly.detection_time) + "</div></div>";
   out += "<span class=\"score\" title=\"Distance to the nearest cluster of normal jobs; larger is stranger\">Score " +
          or_dash(anomaly.score) + "</span></div>\n";
@@ -290,7 +284,7 @@ std::string HtmlReport::html() const {
   if (const auto slash = name.find_last_of('/'); slash != std::string::npos && slash + 1 < name.size()) {
     name = name.substr(slash + 1);
   }
-  const std::string generated = local_time_text(generated_at_, "%Y-%m-%d %H:%M:%S");
+  const std::string generated = local_time_text(generated_at_);
   const std::string zone = local_time_text(generated_at_, "%Z");
 
   std::string out;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/DebugLog.h"
+#include "platform/LocalTime.h"
 #include "service/DetectionService.h"
 #include "tests/support/TempDir.h"
 #include "tools/AnomaliesCommand.h"
@@ -263,5 +264,5 @@ TEST(TimeText, ParsesDatesAndDateTimesAndRejectsTheRest) {
   EXPECT_EQ(TimeText::parse_local("2023-11-14 25:00"), std::nullopt);
   EXPECT_EQ(TimeText::parse_local("2023-11-14x"), std::nullopt);
   EXPECT_EQ(TimeText::parse_local(""), std::nullopt);
-  EXPECT_EQ(TimeText::local(1700000000), "2023-11-14 22:13:20");
+  EXPECT_EQ(local_time_text(1700000000), "2023-11-14 22:13:20");
 }

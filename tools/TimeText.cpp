@@ -4,16 +4,6 @@
 
 #include "platform/LocalTime.h"
 
-std::string TimeText::local(time_t t) {
-  struct tm parts {};
-  if (ts_localtime(&t, &parts) == nullptr) {
-    return "?";
-  }
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
-  return text;
-}
-
 std::optional<time_t> TimeText::parse_local(const std::string& text) {
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
   int used = 0;

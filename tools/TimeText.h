@@ -1,5 +1,6 @@
-// TimeText: how the operator tool shows and reads points in time: local
-// "YYYY-MM-DD HH:MM:SS" out, "YYYY-MM-DD" or "YYYY-MM-DD HH:MM[:SS]" in.
+// TimeText: how the operator tool reads points in time an operator types:
+// "YYYY-MM-DD" or "YYYY-MM-DD HH:MM[:SS]", local time. (They are shown with
+// local_time_text, platform/LocalTime.h.)
 #pragma once
 
 #include <ctime>
@@ -8,7 +9,6 @@
 
 class TimeText {
  public:
-  static std::string local(time_t t);
   // Empty when the text is not one of the accepted forms or not a real date.
   static std::optional<time_t> parse_local(const std::string& text);
 };

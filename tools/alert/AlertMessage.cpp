@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <memory>
 
+#include "platform/LocalTime.h"
 #include "platform/VisibleText.h"
 #include "service/AnomalyPayload.h"
-#include "tools/TimeText.h"
 #include "util/Text.h"
 
 namespace {
@@ -97,7 +97,7 @@ std::string details(const AnomalyAlert& a) {
   std::string text;
   for (std::size_t i = 1; i < a.features.size(); ++i) text += feature_phrase(a.features[i]) + "\n";
   text += "score " + a.score + kDot + "policy type " + a.policy_type + kDot + "storage " + a.storage + kDot +
-          "detected " + TimeText::local(a.detection_time) + "\n";
+          "detected " + local_time_text(a.detection_time) + "\n";
   if (!a.link.empty()) text += a.link + "\n";
   return text;
 }
@@ -243,7 +243,7 @@ AlertMessage AlertMessage::test(const std::string& console_url, time_t now) {
   AlertMessage message;
   message.key = "alert-test-" + std::to_string(now);
   message.line = "tsanomalydetect alert test: this channel works (no anomaly was found)";
-  message.text = message.line + "\nsent " + TimeText::local(now) + " by 'tsanomalyctl alert-test'\n";
+  message.text = message.line + "\nsent " + local_time_text(now) + " by 'tsanomalyctl alert-test'\n";
   if (!console_url.empty()) message.text += shown(console_url) + "\n";
   json_t* document = json_object();
   set(document, "id", json_string(message.key.c_str()));

@@ -5,10 +5,10 @@
 #include <cstdlib>
 #include <memory>
 
+#include "platform/LocalTime.h"
 #include "platform/VisibleText.h"
 #include "service/Features.h"
 #include "tools/HtmlReport.h"
-#include "tools/TimeText.h"
 #include "util/Text.h"
 #include "tools/console/UrlText.h"
 
@@ -28,7 +28,7 @@ std::string dump(json_t* root) {
 }
 
 void set_time(json_t* object, time_t t) {
-  json_object_set_new(object, "detection_time", json_string(TimeText::local(t).c_str()));
+  json_object_set_new(object, "detection_time", json_string(local_time_text(t).c_str()));
   json_object_set_new(object, "detection_epoch", json_integer(static_cast<json_int_t>(t)));
 }
 

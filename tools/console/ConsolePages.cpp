@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <map>
 
+#include "platform/LocalTime.h"
 #include "tools/HtmlEscape.h"
 #include "tools/HtmlReport.h"
-#include "tools/TimeText.h"
 #include "tools/console/UrlText.h"
 
 namespace console_pages {
@@ -99,7 +99,7 @@ std::string or_dash(const std::string& text) { return text.empty() ? "\xE2\x80\x
 
 std::string anomaly_row(const ListedAnomaly& row) {
   return "<tr data-anomaly-id=\"" + attr(row.id) + "\"><td><a class=\"anomaly-link\" href=\"" +
-         attr(anomaly_path(row.id)) + "\">" + html_escape(TimeText::local(row.detection_time)) +
+         attr(anomaly_path(row.id)) + "\">" + html_escape(local_time_text(row.detection_time)) +
          "</a></td><td class=\"client\">" + or_dash(row.client) + "</td><td class=\"wide\">" + or_dash(row.policy) +
          "</td><td class=\"wide\">" + or_dash(row.summary) + "</td><td>" + or_dash(row.score) + "</td><td>" +
          state_badge(row.state) + "</td></tr>\n";
@@ -123,7 +123,7 @@ std::string days_chart(const std::vector<std::pair<std::string, long long>>& per
   for (const auto& [day, n] : per_day) highest = std::max(highest, n);
   std::string bars;
   for (int i = 0; i < kDays; ++i) {
-    const std::string day = TimeText::local(now - static_cast<time_t>(kDays - 1 - i) * 86400).substr(0, 10);
+    const std::string day = local_time_text(now - static_cast<time_t>(kDays - 1 - i) * 86400).substr(0, 10);
     const auto found = counts.find(day);
     const long long n = found == counts.end() ? 0 : found->second;
     const double height = 100.0 * static_cast<double>(n) / static_cast<double>(highest);
@@ -231,13 +231,13 @@ std::string status_page(const StatusFigures& figures, const std::vector<std::pai
            "</dd></div>";
   };
   std::string body = "<header class=\"top\"><h1>Status</h1><p class=\"meta\">Newest detection: " +
-                     (figures.newest_detection > 0 ? html_escape(TimeText::local(figures.newest_detection))
+                     (figures.newest_detection > 0 ? html_escape(local_time_text(figures.newest_detection))
                                                    : std::string("none yet")) +
                      "</p></header>\n<h2>Queue</h2><dl class=\"figures\">";
   body += figure("pending", "Pending jobs", figures.pending);
   body += figure("awaiting-verdict", "Reported, awaiting verdict", figures.awaiting_verdict);
   body += "</dl>\n<h2>Detector</h2><p class=\"meta\">History counted " +
-          html_escape(TimeText::local(figures.history_counted)) + " (every minute).</p><dl class=\"figures\">";
+          html_escape(local_time_text(figures.history_counted)) + " (every minute).</p><dl class=\"figures\">";
   body += figure("history-rows", "History rows", figures.history_rows);
   body += figure("workloads", "Workloads", figures.workloads);
   body += figure("models", "Calibrated models", figures.models);
