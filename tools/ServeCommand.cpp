@@ -64,10 +64,17 @@ class StopOnSignal {
       const sigset_t signals = stop_signals();
       const timespec tick{0, 200 * 1000 * 1000};
       while (!done_) {
-        if (sigtimedwait(&signals, nullptr, &tick) > 0) {
+        if (sigtimedwait(&signals, nullptr, &tick) > 0) break;
+      }
+      // A stop asked for before the server has begun to accept would be
+      // lost (it only stops a running server): wait until it runs.
+      const timespec moment{0, 10 * 1000 * 1000};
+      while (!done_) {
+        if (server.running()) {
           server.stop();
           return;
         }
+        nanosleep(&moment, nullptr);
       }
     });
   }

@@ -463,6 +463,8 @@ bool ConsoleServer::run() { return impl_->server->listen_after_bind(); }
 
 void ConsoleServer::stop() { impl_->server->stop(); }
 
+bool ConsoleServer::running() const { return impl_->server->is_running(); }
+
 std::string ConsoleServer::base_url() const {
   const bool v6 = impl_->config.host.find(':') != std::string::npos;
   return impl_->scheme() + "://" + (v6 ? "[" + impl_->config.host + "]" : impl_->config.host) + ":" +

@@ -41,8 +41,11 @@ class ConsoleServer {
   int bind();
   // Serves until stop(); returns false when the server failed.
   bool run();
-  // From any thread, a signal waiter included.
+  // From any thread, a signal waiter included. Stops only a server that
+  // is running (see running()).
   void stop();
+  // Whether run() has begun to accept connections and not stopped yet.
+  bool running() const;
 
   // "http://127.0.0.1:8470" (no trailing slash).
   std::string base_url() const;
