@@ -42,7 +42,7 @@ void DetectionService::get_observations_in_cluster(const ClosestClusterInfo& clo
   }
 }
 
-// The specified operation takes Rows; the pass holds its training set as
+// Callers outside the pass hold a training set as Rows; the pass holds it as
 // numbers read once. One implementation serves both.
 void DetectionService::get_observations_in_cluster(const ClosestClusterInfo& closest, const Rows& training_rows,
                                                    const std::vector<int>& labels, int full_feature_set,
@@ -81,7 +81,7 @@ void DetectionService::get_anomaly_stat(const Row& record, const ClosestClusterI
   }
 }
 
-// The specified operation takes Rows; the pass holds its training set as
+// Callers outside the pass hold a training set as Rows; the pass holds it as
 // numbers read once. One implementation serves both.
 void DetectionService::get_anomaly_stat(const Row& record, const ClosestClusterInfo& closest,
                                         const Rows& training_rows, const std::vector<int>& labels,

@@ -76,7 +76,7 @@ void DetectionService::calibrate(const Row& job, const TrainingRecords& training
   db->execute_query_prepared(st);
 }
 
-// The specified operation takes Rows; the pass holds its training set as
+// Callers outside the pass hold a training set as Rows; the pass holds it as
 // numbers read once. One implementation serves both.
 void DetectionService::calibrate(const Row& job, const Rows& training_records, int full_feature_set) {
   calibrate(job, TrainingRecords::of(training_records), full_feature_set);

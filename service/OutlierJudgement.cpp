@@ -89,7 +89,7 @@ bool DetectionService::accept_if_a_rule_explains(Job& job, const PassSettings& s
                                                  double adjusted_eps, DBScan& dbscan) {
   // Judged on the fallback set (opt-in), the job's previous backup is its
   // workload's latest on any storage: the stand-in storage name of the
-  // specified look-up matches no row, and the job would always pass as late.
+  // usual look-up matches no row, and the job would always pass as late.
   const bool across_storages = settings.judge_on_fallback_features && job.full_feature_set != 1;
   const int last_backup = across_storages ? get_last_backup_on_any_storage(job.row)
                                           : get_last_backup_for_anomaly_detected_backup(job.row, job.full_feature_set);

@@ -91,7 +91,7 @@ void DetectionService::get_data_in_matrix_format(const TrainingRecords& records,
   feature_matrix::append_rows(records, feature_matrix::columns_of(feature_count, disabled), matrix);
 }
 
-// The specified operation takes Rows; the pass holds its training set as
+// Callers outside the pass hold a training set as Rows; the pass holds it as
 // numbers read once. One implementation serves both.
 void DetectionService::get_data_in_matrix_format(const Rows& records, Matrix& matrix, int full_feature_set,
                                                  const std::set<std::string>& disabled) const {

@@ -68,7 +68,7 @@ int DetectionService::check_anomaly_with_user_identified_cluster(const Row&, con
   return 1;
 }
 
-// The specified operation takes Rows; the pass holds its training set as
+// Callers outside the pass hold a training set as Rows; the pass holds it as
 // numbers read once. One implementation serves both.
 int DetectionService::check_anomaly_with_user_identified_cluster(const Row& record, const Rows& training_rows,
                                                                  const Matrix& matrix, double eps_value,

@@ -24,18 +24,18 @@ struct NumberKey {
 
 // Only a value in [min, max] is taken; anything else keeps the default and
 // says so, since an operator's typo should not silently change behaviour.
-int number(const Configuration& config, const std::string& section, const NumberKey& spec,
+int number(const Configuration& config, const std::string& section, const NumberKey& setting,
            std::vector<std::string>& warnings) {
-  const std::string text = config.get_config(section, spec.key);
-  if (text.empty()) return spec.fallback;
+  const std::string text = config.get_config(section, setting.key);
+  if (text.empty()) return setting.fallback;
   errno = 0;
   char* end = nullptr;
   const long value = std::strtol(text.c_str(), &end, 10);
-  if (errno != 0 || end == text.c_str() || *end != '\0' || value < spec.min || value > spec.max) {
-    warnings.push_back("[" + section + "] " + spec.key + "=" + visible_text(text) + " is not a whole number from " +
-                       std::to_string(spec.min) + " to " + std::to_string(spec.max) + "; using " +
-                       std::to_string(spec.fallback));
-    return spec.fallback;
+  if (errno != 0 || end == text.c_str() || *end != '\0' || value < setting.min || value > setting.max) {
+    warnings.push_back("[" + section + "] " + setting.key + "=" + visible_text(text) + " is not a whole number from " +
+                       std::to_string(setting.min) + " to " + std::to_string(setting.max) + "; using " +
+                       std::to_string(setting.fallback));
+    return setting.fallback;
   }
   return static_cast<int>(value);
 }
