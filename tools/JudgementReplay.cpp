@@ -5,20 +5,17 @@
 #include <unistd.h>
 
 #include <iostream>
-#include <set>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 
-#include "model/DBScanModelImpl.h"
 #include "platform/DebugLog.h"
 #include "schema/AnomalySchema.h"
 #include "schema/ReplaySql.h"
 #include "service/DetectionService.h"
-#include "service/FeatureMatrix.h"
-#include "service/Features.h"
 #include "service/PendingJob.h"
 #include "storage/Statement.h"
+#include "tools/ReplayOutcome.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;
@@ -119,14 +116,6 @@ void copy_rows(DBAccess& db, const std::string& table, const std::string& where,
   db.execute_query_prepared(st);
 }
 
-long long count_of(DBAccess& db, const char* sql, const std::string& key) {
-  Statement st(db.handle, sql);
-  st.bind(1, key);
-  Rows rows;
-  db.read_data_prepared(st, rows);
-  return rows.empty() ? 0 : std::stoll(rows[0]["N"].text());
-}
-
 // The job's workload, its pending verdicts and the job itself (pending),
 // copied from the source; counts what the pass would meet first.
 void copy_workload(DBAccess& db, Judgement& judgement, long long queue_row) {
@@ -193,146 +182,6 @@ class PassCapture {
   std::streambuf* saved_;
 };
 
-// The names of the features a row offers, in matrix order.
-std::vector<std::string> feature_names(int feature_count, const std::set<std::string>& disabled) {
-  const feature_matrix::Columns columns = feature_matrix::columns_of(feature_count, disabled);
-  std::vector<std::string> names;
-  for (const FeatureInfo& info : kFeatures) {
-    if (columns[info.feature]) names.emplace_back(info.column);
-  }
-  return names;
-}
-
-// The cluster the job is nearest to, with labels for every row. An outlier
-// that reached the range rule keeps the pass's own answer; otherwise the
-// clusterer runs once more in full on the same rows and eps.
-ClosestClusterInfo nearest_cluster(const DetectionService::Job& job, int min_samples, std::vector<int>& labels) {
-  if (job.closest) {
-    labels = job.labels;
-    return *job.closest;
-  }
-  DBScan model(job.adjusted_eps, min_samples, 1);
-  model.Run(job.observations, labels);
-  return model.get_closest_cluster_for_observation(0);
-}
-
-// Each feature of the job's set against its nearest cluster's range.
-void read_features(DetectionService& service, const DetectionService::Job& job, const ClosestClusterInfo& nearest,
-                   const std::vector<int>& labels, Judgement& judgement) {
-  DetectionService::FeatureValues members;
-  service.get_observations_in_cluster(nearest, job.training, labels, job.full_feature_set, members);
-  for (const Feature f : kReportOrder) {
-    const FeatureInfo& info = feature_info(f);
-    if (f >= feature_set_size(job.full_feature_set)) continue;
-    FeatureReading reading;
-    reading.column = info.column;
-    const auto cell = job.row.find(info.column);
-    reading.value = cell == job.row.end() ? 0.0 : static_cast<double>(cell->second);
-    const auto found = members.find(info.column);
-    if (found != members.end() && !found->second.empty()) {
-      reading.usual = service.get_min_max_per_feature_statistics(members, info.column);
-      reading.in_range = !(reading.usual->first > reading.value) && !(reading.value > reading.usual->second);
-    } else {
-      reading.in_range = false;
-    }
-    judgement.readings.push_back(reading);
-  }
-}
-
-void describe_job(DetectionService& service, const DetectionService::Job& job, const ReplaySettings& settings,
-                  Judgement& judgement) {
-  judgement.judged = true;
-  judgement.min_required = job.min_required;
-  judgement.training_limit = job.training_limit;
-  judgement.full_feature_set = job.full_feature_set;
-  judgement.training_chosen = job.full_feature_set != -1;
-  judgement.training_size = job.training.size();
-  judgement.calibration_due = job.calibrated;
-  if (job.observed_features > 0) {
-    judgement.features = feature_names(job.observed_features, job.disabled);
-    judgement.training_width = feature_names(feature_set_size(job.full_feature_set), job.disabled).size();
-  }
-  judgement.observation = job.observation;
-  judgement.clustered = !job.labels.empty();
-  if (!judgement.clustered) return;
-  judgement.model_eps = job.model_eps;
-  judgement.adjusted_eps = job.adjusted_eps;
-  judgement.label = job.labels[0];
-  if (job.labels.size() != job.observations.data.size()) return;
-  std::vector<int> labels;
-  judgement.nearest = nearest_cluster(job, settings.min_samples, labels);
-  read_features(service, job, *judgement.nearest, labels, judgement);
-}
-
-// The pass's own words for what decided the job: the last of its messages
-// that names an outcome.
-std::string deciding_message(const Judgement& judgement) {
-  static const char* const kDeciding[] = {
-      "Ignoring client", "Ignoring policy", "Not enough data for training", "Error while getting",
-      "Anomaly not detected.", "Valid record considered", "Anomaly detected for job",
-      "Error occurred while doing prediction", "All features are disabled", "Error while doing detection",
-      "Unexpected error during detection", "Could not get data for detection."};
-  for (auto step = judgement.steps.rbegin(); step != judgement.steps.rend(); ++step) {
-    for (const char* prefix : kDeciding) {
-      if (step->second.rfind(prefix, 0) == 0) return step->second;
-    }
-  }
-  return "";
-}
-
-void explain_pending(Judgement& judgement) {
-  const auto policy_type = judgement.job.find("POLICY_TYPE");
-  const std::string type = policy_type == judgement.job.end() ? "" : policy_type->second.text();
-  if (judgement.training_chosen && judgement.observation.empty()) {
-    judgement.unjudgeable = Judgement::Unjudgeable::features_disabled;
-    judgement.cannot_judge = "every feature it could be judged on is disabled for policy type '" + type + "'";
-    judgement.hint = "enable one under [DISABLE_FEATURE_PER_POLICY_TYPE] " + type + " in the configuration";
-  } else if (judgement.full_feature_set == 0 && judgement.features.size() != judgement.training_width) {
-    judgement.unjudgeable = Judgement::Unjudgeable::unequal_features;
-    judgement.cannot_judge =
-        "its storage has too little history, so it is compared with its workload's two-feature history across "
-        "storages, but it offers " + std::to_string(judgement.features.size()) +
-        " features: the unequal rows fail at every pass";
-    judgement.hint = "set [ANOMALY_MODEL_SETTINGS] JUDGE_ON_FALLBACK_FEATURES=1 to judge it on the two features";
-  } else {
-    judgement.unjudgeable = Judgement::Unjudgeable::pass_failed;
-    judgement.cannot_judge = "the pass failed on it: " + deciding_message(judgement);
-  }
-  judgement.reason = "cannot be judged: " + judgement.cannot_judge;
-}
-
-void describe_outcome(DetectionService& service, Judgement& judgement) {
-  DBAccess& db = service.database();
-  Rows params;
-  service.get_dbscan_params(judgement.job, params);
-  if (!params.empty()) judgement.stored_eps = static_cast<double>(params[0]["EPS"]);
-  Statement report(db.handle, replay_sql::kReport);
-  report.bind(1, judgement.unique_key);
-  Rows reports;
-  db.read_data_prepared(report, reports);
-  Statement queue(db.handle, replay_sql::kQueueState);
-  queue.bind(1, judgement.unique_key);
-  Rows queued;
-  db.read_data_prepared(queue, queued);
-  judgement.reason = deciding_message(judgement);
-  if (count_of(db, replay_sql::kInHistory, judgement.unique_key) != 0) {
-    judgement.outcome = "history";
-    if (!judgement.judged) {
-      judgement.reason = "a user's verdict on it (false positive) moves it into the history before the pass judges";
-    } else if (judgement.reason.empty()) {
-      judgement.reason = "accepted without judgement: its workload has no history yet";
-    }
-  } else if (!reports.empty()) {
-    judgement.outcome = "anomaly";
-    judgement.payload = reports[0]["ANOMALY_PAYLOAD"].text();
-  } else if (!queued.empty() && static_cast<int>(queued[0]["PROCESSED_STATUS"]) != 0) {
-    judgement.outcome = "processed";
-  } else {
-    judgement.outcome = "pending";
-    explain_pending(judgement);
-  }
-}
-
 }  // namespace
 
 Judgement replay_judgement(const std::string& database_path, const std::string& unique_key,
@@ -352,8 +201,8 @@ Judgement replay_judgement(const std::string& database_path, const std::string& 
     service.do_detection();
     judgement.standard_output = capture.output();
   }
-  if (seen) describe_job(service, *seen, settings, judgement);
-  describe_outcome(service, judgement);
+  if (seen) replay_outcome::describe_job(service, *seen, settings.min_samples, judgement);
+  replay_outcome::describe_outcome(service, judgement);
   return judgement;
 }
 
