@@ -11,112 +11,20 @@
 
 #include "schema/AnomalySchema.h"
 #include "storage/Statement.h"
+#include "tools/SeededRandom.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
 using AnomalyKind = BackupSimulator::AnomalyKind;
+using seeded_random::choose;
+using seeded_random::Random;
+using seeded_random::stream_key;
 
 namespace {
 
-// ---------------------------------------------------------------- randomness
-
-// One step of SplitMix64: spreads neighbouring inputs (workload 7 day 8,
-// workload 7 day 9) over unrelated 64-bit outputs.
-std::uint64_t splitmix64(std::uint64_t& state) {
-  std::uint64_t z = (state += 0x9e3779b97f4a7c15ULL);
-  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
-  z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
-  return z ^ (z >> 31);
-}
-
-std::uint64_t mix(std::uint64_t a, std::uint64_t b) {
-  std::uint64_t state = a ^ splitmix64(b);
-  return splitmix64(state);
-}
-
-// The seed of one independent stream of numbers: one per purpose, and one
-// per workload and day, so that each job is drawn on its own and the order in
-// which jobs are written cannot change their values.
-std::uint64_t stream_key(std::uint64_t seed, std::uint64_t purpose, std::uint64_t a = 0, std::uint64_t b = 0) {
-  return mix(mix(mix(seed, purpose), a), b);
-}
-
+// What each independent stream of random numbers is for.
 enum Purpose : std::uint64_t { kWorkloadPurpose = 1, kJobPurpose, kStreamChoicePurpose, kAnomalyChoicePurpose };
-
-// xoshiro256** with uniform and normal draws written out here: the standard
-// distributions' output is left to each library, which would make a seed
-// mean different data on different systems.
-class Random {
- public:
-  explicit Random(std::uint64_t key) {
-    for (std::uint64_t& word : state_) word = splitmix64(key);
-  }
-
-  std::uint64_t next() {
-    const std::uint64_t result = rotl(state_[1] * 5, 7) * 9;
-    const std::uint64_t t = state_[1] << 17;
-    state_[2] ^= state_[0];
-    state_[3] ^= state_[1];
-    state_[1] ^= state_[2];
-    state_[0] ^= state_[3];
-    state_[2] ^= t;
-    state_[3] = rotl(state_[3], 45);
-    return result;
-  }
-
-  // [0, 1), 53 random bits.
-  double uniform() { return static_cast<double>(next() >> 11) * 0x1.0p-53; }
-  double uniform(double lo, double hi) { return lo + (hi - lo) * uniform(); }
-  // As likely between 10 and 100 as between 100 and 1000, as sizes are.
-  double log_uniform(double lo, double hi) { return lo * std::exp(std::log(hi / lo) * uniform()); }
-
-  // 0 .. n-1 without the bias of a plain modulo.
-  std::uint64_t below(std::uint64_t n) {
-    const std::uint64_t threshold = (0 - n) % n;  // 2^64 mod n
-    for (;;) {
-      if (const std::uint64_t r = next(); r >= threshold) return r % n;
-    }
-  }
-
-  template <typename T, std::size_t N>
-  const T& pick(const T (&items)[N]) {
-    return items[below(N)];
-  }
-
-  // Standard normal by the Box-Muller transform; each draw yields a pair and
-  // the second is kept for the next call.
-  double normal() {
-    if (has_spare_) {
-      has_spare_ = false;
-      return spare_;
-    }
-    const double radius = std::sqrt(-2.0 * std::log(1.0 - uniform()));  // 1 - u > 0: never log(0)
-    const double angle = 6.283185307179586 * uniform();
-    spare_ = radius * std::sin(angle);
-    has_spare_ = true;
-    return radius * std::cos(angle);
-  }
-
- private:
-  static std::uint64_t rotl(std::uint64_t x, int k) { return (x << k) | (x >> (64 - k)); }
-
-  std::uint64_t state_[4];
-  double spare_ = 0.0;
-  bool has_spare_ = false;
-};
-
-// k distinct numbers out of 0..n-1, ascending (a partial Fisher-Yates shuffle).
-std::vector<int> choose(int n, int k, Random& rng) {
-  std::vector<int> items(static_cast<std::size_t>(n));
-  std::iota(items.begin(), items.end(), 0);
-  for (int i = 0; i < k; ++i) {
-    std::swap(items[i], items[i + rng.below(static_cast<std::uint64_t>(n - i))]);
-  }
-  items.resize(static_cast<std::size_t>(k));
-  std::sort(items.begin(), items.end());
-  return items;
-}
 
 // ---------------------------------------------------------------- catalogue
 
