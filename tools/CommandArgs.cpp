@@ -1,4 +1,5 @@
 #include "tools/CommandArgs.h"
+#include "util/Text.h"
 
 #include <cerrno>
 #include <cmath>
@@ -64,15 +65,13 @@ long long CommandArgs::integer(const std::string& name, long long fallback, long
   if (!text) {
     return fallback;
   }
-  errno = 0;
-  char* end = nullptr;
-  const long long parsed = std::strtoll(text->c_str(), &end, 10);
-  if (text->empty() || *end != '\0' || errno == ERANGE || parsed < min || parsed > max) {
+  const std::optional<long long> parsed = text::whole_number(*text, min, max);
+  if (!parsed) {
     fail(name + " takes a whole number from " + std::to_string(min) + " to " + std::to_string(max) + ", not '" +
          *text + "'");
     return fallback;
   }
-  return parsed;
+  return *parsed;
 }
 
 double CommandArgs::number(const std::string& name, double fallback, double min, double max) {

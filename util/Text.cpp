@@ -1,6 +1,8 @@
 #include "util/Text.h"
 
 #include <cctype>
+#include <cerrno>
+#include <cstdlib>
 
 namespace text {
 
@@ -35,6 +37,16 @@ std::size_t utf8_sequence_length(std::string_view s, std::size_t i) {
     return continuation(i + 1, low, high) && continuation(i + 2) && continuation(i + 3) ? 4 : 0;
   }
   return 0;
+}
+
+std::optional<long long> whole_number(std::string_view s, long long min, long long max) {
+  const std::string text(s);
+  if (text.empty()) return std::nullopt;
+  errno = 0;
+  char* end = nullptr;
+  const long long value = std::strtoll(text.c_str(), &end, 10);
+  if (errno == ERANGE || *end != '\0' || value < min || value > max) return std::nullopt;
+  return value;
 }
 
 std::string as_utf8(std::string_view s) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,6 +18,11 @@ std::string to_lower(std::string_view s);
 // when the bytes there are not one: a stray continuation byte, a cut
 // sequence, an overlong form, a surrogate, a code point past U+10FFFF.
 std::size_t utf8_sequence_length(std::string_view s, std::size_t i);
+
+// The whole of s as a base-10 integer within [min, max]; none for empty
+// text, anything after the digits, or a number out of range. Leading blanks
+// are skipped, as strtoll skips them.
+std::optional<long long> whole_number(std::string_view s, long long min, long long max);
 
 // U+FFFD, the replacement character, in UTF-8.
 inline constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";

@@ -36,4 +36,14 @@ TEST(TextTest, AsUtf8ReplacesEachBadByteAndKeepsTheRest) {
   EXPECT_EQ(text::as_utf8("\xED\xA0\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
 }
 
+TEST(TextTest, WholeNumbersAreTakenOnlyWholeAndInRange) {
+  EXPECT_EQ(text::whole_number("42", 0, 100), 42);
+  EXPECT_EQ(text::whole_number("-7", -10, 10), -7);
+  EXPECT_EQ(text::whole_number("100", 0, 100), 100);
+  EXPECT_EQ(text::whole_number(" 4", 0, 100), 4);
+  for (const char* bad : {"", "101", "-1", "4x", "x4", "4.0", "99999999999999999999"}) {
+    EXPECT_EQ(text::whole_number(bad, 0, 100), std::nullopt) << bad;
+  }
+}
+
 }  // namespace

@@ -28,16 +28,14 @@ int number(const Configuration& config, const std::string& section, const Number
            std::vector<std::string>& warnings) {
   const std::string text = config.get_config(section, setting.key);
   if (text.empty()) return setting.fallback;
-  errno = 0;
-  char* end = nullptr;
-  const long value = std::strtol(text.c_str(), &end, 10);
-  if (errno != 0 || end == text.c_str() || *end != '\0' || value < setting.min || value > setting.max) {
+  const std::optional<long long> value = text::whole_number(text, setting.min, setting.max);
+  if (!value) {
     warnings.push_back("[" + section + "] " + setting.key + "=" + visible_text(text) + " is not a whole number from " +
                        std::to_string(setting.min) + " to " + std::to_string(setting.max) + "; using " +
                        std::to_string(setting.fallback));
     return setting.fallback;
   }
-  return static_cast<int>(value);
+  return static_cast<int>(*value);
 }
 
 bool section_present(const Configuration& config, const std::string& section) {

@@ -8,6 +8,7 @@
 #include "tools/console/ConsoleJson.h"
 #include "tools/console/ConsoleServer.h"
 #include "tools/console/UrlText.h"
+#include "util/Text.h"
 
 namespace console_request {
 namespace {
@@ -75,14 +76,12 @@ std::string param(const Request& req, const char* name) {
 long long number_param(const Request& req, const char* name, long long fallback, long long min, long long max) {
   const std::string text = param(req, name);
   if (text.empty()) return fallback;
-  char* end = nullptr;
-  errno = 0;
-  const long long n = std::strtoll(text.c_str(), &end, 10);
-  if (errno != 0 || *end != '\0' || n < min || n > max) {
+  const std::optional<long long> n = text::whole_number(text, min, max);
+  if (!n) {
     throw RequestError(400, std::string(name) + " must be a whole number from " + std::to_string(min) + " to " +
                                 std::to_string(max));
   }
-  return n;
+  return *n;
 }
 
 namespace {
