@@ -15,6 +15,7 @@
 #include "schema/AnomalySchema.h"
 #include "storage/DBAccess.h"
 #include "tests/support/RowWriter.h"
+#include "tests/support/InProcessCommand.h"
 #include "tests/support/TempDir.h"
 #include "tools/AnomaliesCommand.h"
 #include "tools/InitCommand.h"
@@ -28,22 +29,8 @@ using tsanomaly_test::TempDir;
 
 namespace {
 
-struct Outcome {
-  int exit_code;
-  std::string out;
-  std::string err;
-};
-
-Outcome run(int (*command)(int, char**), std::vector<std::string> args) {
-  args.insert(args.begin(), "cmd");
-  std::vector<char*> argv;
-  for (std::string& arg : args) argv.push_back(arg.data());
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  const int code = command(static_cast<int>(argv.size()), argv.data());
-  std::string out = testing::internal::GetCapturedStdout();
-  return {code, out, testing::internal::GetCapturedStderr()};
-}
+using tsanomaly_test::Outcome;
+using tsanomaly_test::run;
 
 mode_t mode_of(const std::string& path) {
   struct stat st {};
