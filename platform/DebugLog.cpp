@@ -136,15 +136,6 @@ std::string format_message(const char* format, va_list args) {
 
 }  // namespace
 
-namespace {
-
-DebugLogSink& the_sink() {
-  static DebugLogSink sink;
-  return sink;
-}
-
-}  // namespace
-
 int open_debug_log(const std::string& dir, const std::string& folder_name, const std::string& file_name, int mode,
                    int* status) {
   const std::string folder = dir + "/" + folder_name;
@@ -157,24 +148,25 @@ int open_debug_log(const std::string& dir, const std::string& folder_name, const
   return the_log().fd();
 }
 
-void logmsgf(int level, const char* category, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
+std::string format_log_message(const char* format, va_list args) {
   // The formats are the program's own; the values put into them may come
-  // from anywhere, so whatever could break the line or act on a terminal is
-  // escaped.
-  const std::string message = visible_text(format_message(format, args));
-  va_end(args);
-  if (the_sink()) {
-    the_sink()(level, category, message);
-    return;
-  }
+  // from anywhere.
+  return visible_text(format_message(format, args));
+}
+
+void write_log_message(int level, const char* category, const std::string& message) {
   const std::string line = timestamp_now() + " [" + std::to_string(::getpid()) + "] <" + std::to_string(level) +
                            "> " + category + ": " + message + "\n";
   the_log().write_line(line);
 }
 
-void set_debug_log_sink(DebugLogSink sink) { the_sink() = std::move(sink); }
+void logmsgf(int level, const char* category, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const std::string message = format_log_message(format, args);
+  va_end(args);
+  write_log_message(level, category, message);
+}
 
 void close_debug_log() { the_log().close(); }
 

@@ -5,8 +5,8 @@
 // size so a service that runs for years cannot fill the disk.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
-#include <functional>
 #include <string>
 
 // The levels the detector logs at: progress and ordinary outcomes, the
@@ -25,12 +25,12 @@ int open_debug_log(const std::string& dir, const std::string& folder_name, const
 // Before open_debug_log succeeds, lines are discarded.
 void logmsgf(int level, const char* category, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
-// While a sink is set, logmsgf hands each message (escaped as a line would
-// carry it, without time stamp and process id) to the sink instead of the
-// file. A program that explains what the detector would do collects the
-// detector's own lines this way. An empty function removes the sink.
-using DebugLogSink = std::function<void(int level, const char* category, const std::string& message)>;
-void set_debug_log_sink(DebugLogSink sink);
+// The two halves of logmsgf, for a writer that decides per call where its
+// lines go (the detection service hands them to an onlooker instead of the
+// file): the message as a line carries it, escaped so no value can break the
+// line or act on a terminal; and that message written as one line.
+std::string format_log_message(const char* format, va_list args);
+void write_log_message(int level, const char* category, const std::string& message);
 
 // Closes the log; later logmsgf calls are discarded until it is opened again.
 void close_debug_log();

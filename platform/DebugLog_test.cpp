@@ -201,18 +201,27 @@ TEST_F(DebugLogTest, AValueWithALineBreakCannotForgeASecondLine) {
   EXPECT_NE(lines[1].find("<2> c: title \\x1b]0;owned\\x07 and \\xff"), std::string::npos) << lines[1];
 }
 
-TEST_F(DebugLogTest, ASinkReceivesTheMessagesInsteadOfTheFile) {
+namespace {
+
+std::string formatted(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::string text = format_log_message(format, args);
+  va_end(args);
+  return text;
+}
+
+}  // namespace
+
+// The two halves of logmsgf give the same line as logmsgf itself.
+TEST_F(DebugLogTest, AMessageFormattedThenWrittenIsTheLineLogmsgfWrites) {
   open_log();
-  std::vector<std::string> seen;
-  set_debug_log_sink([&](int level, const char* category, const std::string& message) {
-    seen.push_back(std::to_string(level) + " " + category + " " + message);
-  });
+  const std::string message = formatted("value %s", "a\nb");
+  EXPECT_EQ(message, "value a\\nb");
+  write_log_message(kLogWarning, "c", message);
   logmsgf(kLogWarning, "c", "value %s", "a\nb");
-  set_debug_log_sink({});
-  logmsgf(kLogProgress, "c", "to the file");
-  ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0], "4 c value a\\nb");
   const auto lines = lines_of(TempDir::read(log_file()));
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].find("<2> c: to the file"), std::string::npos);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find("<4> c: value a\\nb"), std::string::npos) << lines[0];
+  EXPECT_EQ(lines[0].substr(lines[0].find(" <")), lines[1].substr(lines[1].find(" <")));
 }

@@ -19,7 +19,6 @@ using job_key::model_key;
 
 namespace {
 
-constexpr const char* kCategory = kDetectionLogCategory;
 // A stored eps is stale only when its capture date lies this far ahead of
 // now (a clock set back); one captured in the past is renewed by a
 // re-calibration mark, never by age.
@@ -63,10 +62,10 @@ double DetectionService::calibrated_eps(const TrainingRecords& training, int ful
 void DetectionService::calibrate(const Row& job, const TrainingRecords& training, int full_feature_set) {
   const double calibrated = calibrated_eps(training, full_feature_set);
   const job_key::Texts key = model_key(job);
-  logmsgf(kLogProgress, kCategory,
-          "Calibrated model parameters for client - %s , policy - %s, policy type - %s, schedule name - %s",
-          key[0].c_str(), key[1].c_str(), key[2].c_str(), key[4].c_str());
-  logmsgf(kLogProgress, kCategory, "EPS value = %f", calibrated);
+  pass_log(kLogProgress,
+           "Calibrated model parameters for client - %s , policy - %s, policy type - %s, schedule name - %s",
+           key[0].c_str(), key[1].c_str(), key[2].c_str(), key[4].c_str());
+  pass_log(kLogProgress, "EPS value = %f", calibrated);
 
   Statement st = statement(detector_sql::kInsertModelParams);
   const int next = bind_texts(st, {key.begin(), key.begin() + job_key::kModelKeyStorage});

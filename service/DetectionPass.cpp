@@ -2,7 +2,6 @@
 // every pending job through its steps in a fixed order, the first step that
 // decides ending the job. Each step is a function of its own, named after
 // what it decides; those after standardisation are in OutlierJudgement.cpp.
-#include <iostream>
 #include <set>
 
 #include "platform/DebugLog.h"
@@ -10,6 +9,7 @@
 #include "service/FeatureMatrix.h"
 #include "service/JobKey.h"
 #include "service/PassSettings.h"
+#include "service/PassObserver.h"
 #include "service/PendingJob.h"
 #include "service/StopSignal.h"
 #include "service/TrainingRecords.h"
@@ -21,7 +21,6 @@ using job_key::cell;
 
 namespace {
 
-constexpr const char* kCategory = kDetectionLogCategory;
 // A single-stream job trains on at most this many of its latest jobs,
 // whatever the configured maximum: a year of daily backups.
 constexpr int kSingleStreamTrainingLimit = 365;
@@ -33,19 +32,19 @@ void DetectionService::do_detection() {
   try {
     accomodate_user_feedback_received();
   } catch (...) {
-    logmsgf(kLogProgress, kCategory, "Error occurred during incorporating user feedback into training set.");
+    pass_log(kLogProgress, "Error occurred during incorporating user feedback into training set.");
   }
   const PassSettings settings = PassSettings::read(config_file);
 
   Rows pending;
-  logmsgf(kLogProgress, kCategory, "Getting data for detection from database.");
+  pass_log(kLogProgress, "Getting data for detection from database.");
   try {
     get_data_for_detection(pending);
   } catch (...) {
-    logmsgf(kLogProgress, kCategory, "Could not get data for detection.");
+    pass_log(kLogProgress, "Could not get data for detection.");
     return;
   }
-  logmsgf(kLogProgress, kCategory, "Completed getting data for detection.");
+  pass_log(kLogProgress, "Completed getting data for detection.");
 
   // Every job runs the same few texts: they are compiled once for the jobs
   // of the pass (see StatementCache).
@@ -60,33 +59,36 @@ void DetectionService::do_detection() {
     if (StopSignal::requested()) {
       return;
     }
-    try {
-      judge_pending_job(job, settings);
-    } catch (const std::exception& e) {
-      logmsgf(kLogError, kCategory, "Error while doing detection - %s", e.what());
-      return;
-    } catch (...) {
-      logmsgf(kLogError, kCategory, "Unexpected error during detection.");
+    if (!judge_pending_job(job, settings)) {
       return;
     }
   }
 }
 
 // Exclusions, training-set selection and calibration; a failure here that
-// no step handles ends the pass (the caller catches it) before the job is
-// shown to an observer.
-void DetectionService::judge_pending_job(const Row& pending, const PassSettings& settings) {
+// no step handles ends the pass: false then.
+bool DetectionService::judge_pending_job(const Row& pending, const PassSettings& settings) {
   Job job;
-  job.row = pending;
-  job.client = std::string(cell(job.row, "CLIENT"));
-  job.job_id = cell(job.row, "JOB_ID");
-  job.unique_key = std::string(cell(job.row, "UNIQUE_KEY"));
-  // Whatever the queue held, a job enters the history without a user verdict.
-  job.row["USER_IDENTIFIED_CLUSTER"] = Value(-1);
-  take_through_steps(job, settings);
-  if (job_observer) {
-    job_observer(job);
+  bool pass_goes_on = true;
+  try {
+    job.row = pending;
+    job.client = std::string(cell(job.row, "CLIENT"));
+    job.job_id = cell(job.row, "JOB_ID");
+    job.unique_key = std::string(cell(job.row, "UNIQUE_KEY"));
+    // Whatever the queue held, a job enters the history without a user verdict.
+    job.row["USER_IDENTIFIED_CLUSTER"] = Value(-1);
+    take_through_steps(job, settings);
+  } catch (const std::exception& e) {
+    decide(job, DecidingRule::pass_failed, pass_log(kLogError, "Error while doing detection - %s", e.what()));
+    pass_goes_on = false;
+  } catch (...) {
+    decide(job, DecidingRule::pass_failed, pass_log(kLogError, "Unexpected error during detection."));
+    pass_goes_on = false;
   }
+  if (pass_observer != nullptr) {
+    pass_observer->decided(job);
+  }
+  return pass_goes_on;
 }
 
 void DetectionService::take_through_steps(Job& job, const PassSettings& settings) {
@@ -95,7 +97,7 @@ void DetectionService::take_through_steps(Job& job, const PassSettings& settings
     return;
   }
   if (is_calibration_required(job.row)) {
-    calibrate(job.row, job.training, job.full_feature_set);
+    calibrate(job.row, job.training, job.full_feature_set());
     job.calibrated = true;
   }
   if (capture_current_observation(job, settings)) {
@@ -106,28 +108,33 @@ void DetectionService::take_through_steps(Job& job, const PassSettings& settings
   } catch (...) {
     // The job stays pending (unless its history write already happened) and
     // is met again at the next pass.
-    std::cout << "\nUnexpected error during anomaly detection." << std::flush;
+    const std::string words = "\nUnexpected error during anomaly detection.";
+    print(words);
+    decide(job, DecidingRule::judgement_failed, words.substr(1));
   }
 }
 
 bool DetectionService::accept_if_excluded(Job& job, const PassSettings& settings) {
   if (settings.excluded_clients.count(text::to_lower(job.client)) != 0) {
-    logmsgf(kLogProgress, kCategory, "Ignoring client '%s' for detection as per configuration.", job.client.c_str());
+    decide(job, DecidingRule::excluded_client,
+           pass_log(kLogProgress, "Ignoring client '%s' for detection as per configuration.", job.client.c_str()));
     accept_as_valid(job.row);
     return true;
   }
   job.policy_type = std::string(cell(job.row, "POLICY_TYPE"));
   if (settings.disabled_policy_types.count(text::to_lower(job.policy_type)) != 0) {
-    logmsgf(kLogProgress, kCategory, "Ignoring policy type '%s' for detection as per configuration.",
-            job.policy_type.c_str());
+    decide(job, DecidingRule::excluded_policy_type,
+           pass_log(kLogProgress, "Ignoring policy type '%s' for detection as per configuration.",
+                    job.policy_type.c_str()));
     accept_as_valid(job.row);
     return true;
   }
   job.policy = std::string(cell(job.row, "POLICY"));
   if (const auto found = settings.excluded_client_policies.find(text::to_lower(job.client));
       found != settings.excluded_client_policies.end() && found->second.count(text::to_lower(job.policy)) != 0) {
-    logmsgf(kLogProgress, kCategory, "Ignoring policy '%s' on client '%s' for detection as per configuration.",
-            job.policy.c_str(), job.client.c_str());
+    decide(job, DecidingRule::excluded_client_policy,
+           pass_log(kLogProgress, "Ignoring policy '%s' on client '%s' for detection as per configuration.",
+                    job.policy.c_str(), job.client.c_str()));
     accept_as_valid(job.row);
     return true;
   }
@@ -146,15 +153,17 @@ bool DetectionService::accept_if_stream_lacks_history(Job& job) {
   try {
     has_stream_history = check_stream_num_data_available(job.row);
   } catch (const std::exception& e) {
-    logmsgf(kLogError, kCategory, "Error while getting job stream count from training set. Jobid - %d. %s ",
-            job.job_id, e.what());
+    decide(job, DecidingRule::stream_count_failed,
+           pass_log(kLogError, "Error while getting job stream count from training set. Jobid - %d. %s ",
+                    job.job_id, e.what()));
     accept_as_valid(job.row);
     return true;
   }
   if (!has_stream_history) {
     accept_as_valid(job.row);
-    logmsgf(kLogProgress, kCategory, "Not enough data for training for client - %s , policy - %s",
-            job.client.c_str(), job.policy.c_str());
+    decide(job, DecidingRule::stream_lacks_history,
+           pass_log(kLogProgress, "Not enough data for training for client - %s , policy - %s",
+                    job.client.c_str(), job.policy.c_str()));
     return true;
   }
   return false;
@@ -168,49 +177,55 @@ bool DetectionService::select_training_set(Job& job, const PassSettings& setting
     min_required = std::min(get_adj_min_observations_required(job.row, settings.min_observations, stream_count),
                             settings.max_observations);
   } catch (const std::exception& e) {
-    logmsgf(kLogProgress, kCategory, "Error while getting minimum required observations. %s ", e.what());
+    decide(job, DecidingRule::minimum_failed,
+           pass_log(kLogProgress, "Error while getting minimum required observations. %s ", e.what()));
     accept_as_valid(job.row);
     return true;
   }
   if (min_required == -1) {  // no history at all
+    decide(job, DecidingRule::workload_lacks_history, "");
     accept_as_valid(job.row);
     return true;
   }
   job.training_limit = stream_count != 0 ? settings.max_observations : kSingleStreamTrainingLimit;
   const int training_limit = job.training_limit;
 
-  logmsgf(kLogProgress, kCategory, "Getting training set for detection client - %s, policy - %s and job - %d.",
-          job.client.c_str(), job.policy.c_str(), job.job_id);
-  job.full_feature_set = get_training_set_records(job.row, job.training, min_required, training_limit) ? 1 : 0;
+  pass_log(kLogProgress, "Getting training set for detection client - %s, policy - %s and job - %d.",
+           job.client.c_str(), job.policy.c_str(), job.job_id);
+  job.decision.training = get_training_set_records(job.row, job.training, min_required, training_limit)
+                              ? TrainingKind::full
+                              : TrainingKind::fallback;
   if (job.training.size() < static_cast<std::size_t>(min_required)) {
     accept_as_valid(job.row);
-    logmsgf(kLogProgress, kCategory, "Not enough data for training for client - %s , policy - %s. ",
-            job.client.c_str(), job.policy.c_str());
+    decide(job, DecidingRule::too_little_training,
+           pass_log(kLogProgress, "Not enough data for training for client - %s , policy - %s. ",
+                    job.client.c_str(), job.policy.c_str()));
     return true;
   }
-  if (job.full_feature_set == 0) {
-    logmsgf(kLogProgress, kCategory, "Detection using historical data.");
+  if (job.decision.training == TrainingKind::fallback) {
+    pass_log(kLogProgress, "Detection using historical data.");
   }
-  logmsgf(kLogProgress, kCategory, "Completed getting training data set for detection.");
+  pass_log(kLogProgress, "Completed getting training data set for detection.");
   return false;
 }
 
 // Builds the job's row and the matrix; true when every feature is disabled,
 // which leaves the job pending.
 bool DetectionService::capture_current_observation(Job& job, const PassSettings& settings) {
-  logmsgf(kLogProgress, kCategory, "Preparing input data for detection.");
+  pass_log(kLogProgress, "Preparing input data for detection.");
   job.disabled = settings.disabled_features_for(job.policy_type);
   const std::set<std::string>& disabled = job.disabled;
-  job.observed_features = settings.observed_feature_count(job.full_feature_set);
+  job.observed_features = settings.observed_feature_count(job.full_feature_set());
   job.observation = feature_matrix::observation_of(job.row, job.observed_features, disabled);
   if (job.observation.empty()) {
-    logmsgf(kLogProgress, kCategory, "All features are disabled for policy type = %s. Detection aborted.",
-            job.policy_type.c_str());
+    decide(job, DecidingRule::features_disabled,
+           pass_log(kLogProgress, "All features are disabled for policy type = %s. Detection aborted.",
+                    job.policy_type.c_str()));
     return true;
   }
   job.matrix.reserve(job.training.size() + 1);
   job.matrix.push_back(job.observation);
-  get_data_in_matrix_format(job.training, job.matrix, job.full_feature_set, disabled);
-  logmsgf(kLogProgress, kCategory, "Completed preparing input data for detection.");
+  get_data_in_matrix_format(job.training, job.matrix, job.full_feature_set(), disabled);
+  pass_log(kLogProgress, "Completed preparing input data for detection.");
   return false;
 }

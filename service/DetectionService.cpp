@@ -2,8 +2,13 @@
 
 #include <unistd.h>
 
+#include <cstdarg>
+#include <iostream>
+
 #include "platform/DebugLog.h"
 #include "service/Features.h"
+#include "service/PassObserver.h"
+#include "service/PendingJob.h"
 #include "service/ServiceLoop.h"
 #include "storage/Statement.h"
 #include "storage/StatementCache.h"
@@ -51,6 +56,32 @@ DetectionService::DetectionService(std::unique_ptr<DBAccess> session, double eps
 }
 
 DetectionService::~DetectionService() = default;
+
+std::string DetectionService::pass_log(int level, const char* format, ...) const {
+  va_list args;
+  va_start(args, format);
+  std::string message = format_log_message(format, args);
+  va_end(args);
+  if (pass_observer != nullptr) {
+    pass_observer->logged(level, message);
+  } else {
+    write_log_message(level, kCategory, message);
+  }
+  return message;
+}
+
+void DetectionService::print(const std::string& text) const {
+  if (pass_observer != nullptr) {
+    pass_observer->printed(text);
+  } else {
+    std::cout << text << std::flush;
+  }
+}
+
+void DetectionService::decide(Job& job, DecidingRule rule, std::string words) {
+  job.decision.rule = rule;
+  job.decision.words = std::move(words);
+}
 
 void DetectionService::init_feature_list() {
   feature_list.clear();

@@ -26,12 +26,14 @@
 
 #include "model/ClosestClusterInfo.h"
 #include "service/AnomalyStat.h"
+#include "service/JobDecision.h"
 #include "storage/DBAccess.h"
 
 // The log category of every line the detection service writes.
 inline constexpr const char* kDetectionLogCategory = "dbscan_detection";
 
 class DBScan;
+class PassObserver;
 class TrainingRecords;
 struct PassSettings;
 
@@ -145,10 +147,10 @@ class DetectionService {
 
   // One pending job on its way through a pass (service/PendingJob.h).
   struct Job;
-  // Called with each job the pass has decided (or left pending), before the
-  // job is released; for tools that explain a judgement. It must not throw.
-  using JobObserver = std::function<void(const Job&)>;
-  void set_job_observer(JobObserver observer) { job_observer = std::move(observer); }
+  // While set, the passes' log lines and printed text go to observer instead
+  // of the log and standard output, and it sees every decided job (for tools
+  // that explain a judgement). Not owned; nullptr removes it.
+  void set_observer(PassObserver* observer) { pass_observer = observer; }
 
   const std::vector<std::string>& get_feature_list() const { return feature_list; }
   DBAccess& database() { return *db; }
@@ -168,7 +170,7 @@ class DetectionService {
 
   // The steps of one job, in pass order; each that returns bool returns
   // true when it decided the job's outcome.
-  void judge_pending_job(const Row& pending, const PassSettings& settings);
+  bool judge_pending_job(const Row& pending, const PassSettings& settings);
   void take_through_steps(Job& job, const PassSettings& settings);
   bool accept_if_excluded(Job& job, const PassSettings& settings);
   bool accept_if_stream_lacks_history(Job& job);
@@ -182,6 +184,14 @@ class DetectionService {
   void request_re_calibration(Job& job);
   void log_model_data(const std::vector<int>& labels, const Matrix& matrix,
                       const std::vector<double>& observation) const;
+  // Records the step that decided the job, with the message it logged.
+  static void decide(Job& job, DecidingRule rule, std::string words);
+
+  // One line of the pass's log (to the observer when one is set); returns
+  // the message as the line carries it.
+  std::string pass_log(int level, const char* format, ...) const __attribute__((format(printf, 3, 4)));
+  // Text for standard output (to the observer when one is set).
+  void print(const std::string& text) const;
 
   void accept_as_valid(const Row& row);
   int read_last_backup_time(Statement& st, const Row& record);
@@ -203,5 +213,5 @@ class DetectionService {
   std::vector<std::string> feature_list;
   Clock now;
   Sleep sleep_for;
-  JobObserver job_observer;
+  PassObserver* pass_observer = nullptr;
 };

@@ -14,7 +14,6 @@ using job_key::texts_of;
 
 namespace {
 
-constexpr const char* kCategory = kDetectionLogCategory;
 constexpr int kAddedByDetector = 1;    // MODE of every observation the detector adds
 constexpr int kUserConfirmed = 1;      // USER_IDENTIFIED_CLUSTER of a verdict's job
 
@@ -102,10 +101,10 @@ void DetectionService::accomodate_user_feedback_received() {
     Row record = jobs[0];
     const job_key::Texts names = texts_of(record, {"CLIENT", "POLICY", "POLICY_TYPE", "SCHEDULE_NAME", "APP_TYPE"});
     record["USER_IDENTIFIED_CLUSTER"] = Value(kUserConfirmed);
-    logmsgf(kLogProgress, kCategory,
-            "Updating user feedback for training for client = %s, policy = %s, policy_type = %s, schedule_name = %s "
-            "& app_type = %s",
-            names[0].c_str(), names[1].c_str(), names[2].c_str(), names[3].c_str(), names[4].c_str());
+    pass_log(kLogProgress,
+             "Updating user feedback for training for client = %s, policy = %s, policy_type = %s, schedule_name = %s "
+             "& app_type = %s",
+             names[0].c_str(), names[1].c_str(), names[2].c_str(), names[3].c_str(), names[4].c_str());
     update_valid_observation(record);
     Statement st = statement(detector_sql::kDeleteFeedback);
     st.bind(1, anomaly_id);

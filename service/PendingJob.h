@@ -1,8 +1,7 @@
 // DetectionService::Job: one pending job on its way through a detection
 // pass, from its queue row to its training set, feature matrix and labels.
 // Built and owned by the pass for the one job and released when the job is
-// decided; a job observer (DetectionService::set_job_observer) may look at
-// it just before that. Fields a step never reached keep their defaults.
+// decided; a PassObserver may look at it just before that. Fields a step never reached keep their defaults.
 #pragma once
 
 #include <optional>
@@ -12,6 +11,7 @@
 
 #include "model/DBScanModelImpl.h"
 #include "service/DetectionService.h"
+#include "service/JobDecision.h"
 #include "service/TrainingRecords.h"
 
 struct DetectionService::Job {
@@ -24,8 +24,7 @@ struct DetectionService::Job {
   int training_limit = 0;
   int stream_count = 0;
   TrainingRecords training;
-  int full_feature_set = -1;  // -1 until a training set was chosen
-  bool calibrated = false;    // calibration was due and ran
+  bool calibrated = false;  // calibration was due and ran
 
   // The job's own row and the matrix it heads.
   std::set<std::string> disabled;   // lower-case features disabled for the policy type
@@ -35,9 +34,11 @@ struct DetectionService::Job {
 
   // Clustering: the standardised rows, the eps and the labels.
   Observations observations;
-  double model_eps = 0;
-  double adjusted_eps = 0;
   std::vector<int> labels;
-  std::optional<ClosestClusterInfo> closest;  // for an outlier that reached the range rule
   AnomalyStats stats;
+
+  // The training-set kind, the eps, the nearest cluster and the deciding step.
+  JobDecision decision;
+  // The training-set kind as the detector's operations take it.
+  int full_feature_set() const { return full_feature_set_flag(decision.training); }
 };

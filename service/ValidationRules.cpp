@@ -15,7 +15,6 @@ using job_key::cell;
 
 namespace {
 
-constexpr const char* kCategory = kDetectionLogCategory;
 constexpr int kNoUserVerdict = -1;  // USER_IDENTIFIED_CLUSTER of a row no user confirmed
 
 }  // namespace
@@ -41,8 +40,8 @@ int DetectionService::read_last_backup_time(Statement& st, const Row& record) {
     db->read_data_prepared(st, rows);
   } catch (...) {
     const job_key::Texts names = job_key::texts_of(record, {"CLIENT", "POLICY"});
-    logmsgf(kLogError, kCategory, "Could not get last known backup time for client - %s, policy - %s.",
-            names[0].c_str(), names[1].c_str());
+    pass_log(kLogError, "Could not get last known backup time for client - %s, policy - %s.",
+             names[0].c_str(), names[1].c_str());
     return -1;
   }
   return rows.empty() ? -1 : static_cast<int>(rows[0]["MAX(BACKUP_TIME)"]);
@@ -61,7 +60,7 @@ int DetectionService::check_anomaly_with_user_identified_cluster(const Row&, con
     // distance never matches.
     if (d <= eps_value) {
       // At the error level, as this line has always been written.
-      logmsgf(kLogError, kCategory, "Found a match for this anomaly with user identified cluster.");
+      pass_log(kLogError, "Found a match for this anomaly with user identified cluster.");
       return 0;
     }
   }

@@ -66,8 +66,8 @@ void print_header(const Judgement& j) {
 }
 
 void print_training(const Judgement& j) {
-  if (!j.training_chosen) return;
-  std::cout << "\nTraining set: " << (j.full_feature_set == 1 ? "the job's own storage" : "fallback across storages")
+  if (j.training == TrainingKind::none) return;
+  std::cout << "\nTraining set: " << (j.training == TrainingKind::full ? "the job's own storage" : "fallback across storages")
             << ", " << j.training_size << " jobs (minimum " << j.min_required << ", limit " << j.training_limit
             << ")\n";
   std::string names;
@@ -119,7 +119,7 @@ json_t* text(const std::string& s) { return json_string(text::as_utf8(s).c_str()
 
 json_t* training_json(const Judgement& j) {
   json_t* training = json_object();
-  json_object_set_new(training, "set", text(j.full_feature_set == 1 ? "storage" : "fallback"));
+  json_object_set_new(training, "set", text(j.training == TrainingKind::full ? "storage" : "fallback"));
   json_object_set_new(training, "size", json_integer(static_cast<json_int_t>(j.training_size)));
   json_object_set_new(training, "minimum", json_integer(j.min_required));
   json_object_set_new(training, "limit", json_integer(j.training_limit));
@@ -168,7 +168,7 @@ void print_json(const Judgement& j) {
   json_t* steps = json_array();
   for (const auto& step : j.steps) json_array_append_new(steps, text(step.second));
   json_object_set_new(root, "steps", steps);
-  if (j.training_chosen) json_object_set_new(root, "training", training_json(j));
+  if (j.training != TrainingKind::none) json_object_set_new(root, "training", training_json(j));
   if (j.clustered) json_object_set_new(root, "clustering", clustering_json(j));
   if (!j.payload.empty()) {
     json_t* payload = json_loads(text::as_utf8(j.payload).c_str(), 0, nullptr);

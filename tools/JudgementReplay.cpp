@@ -4,15 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <iostream>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 
-#include "platform/DebugLog.h"
 #include "schema/AnomalySchema.h"
 #include "schema/ReplaySql.h"
 #include "service/DetectionService.h"
+#include "service/PassObserver.h"
 #include "service/PendingJob.h"
 #include "storage/Statement.h"
 #include "tools/ReplayOutcome.h"
@@ -162,24 +160,23 @@ Judgement find_job(DBAccess& db, const std::string& path, const std::string& uni
   return judgement;
 }
 
-// While it lives, the detector's log messages and standard output are
-// collected instead of written.
-class PassCapture {
+// Collects what the replayed pass logs and prints for the job's judgement,
+// and keeps the pass's record of the job when it is decided.
+class ReplayObserver : public PassObserver {
  public:
-  PassCapture(Judgement& judgement) : saved_(std::cout.rdbuf(output_.rdbuf())) {
-    set_debug_log_sink([&judgement](int level, const char* category, const std::string& message) {
-      if (std::string(category) == kDetectionLogCategory) judgement.steps.emplace_back(level, message);
-    });
+  ReplayObserver(Judgement& judgement, const std::string& unique_key)
+      : judgement_(judgement), unique_key_(unique_key) {}
+  void logged(int level, const std::string& message) override { judgement_.steps.emplace_back(level, message); }
+  void printed(const std::string& text) override { judgement_.standard_output += text; }
+  void decided(const DetectionService::Job& job) override {
+    if (job.unique_key == unique_key_) seen_ = job;
   }
-  ~PassCapture() {
-    std::cout.rdbuf(saved_);
-    set_debug_log_sink({});
-  }
-  std::string output() const { return output_.str(); }
+  const std::optional<DetectionService::Job>& seen() const { return seen_; }
 
  private:
-  std::ostringstream output_;
-  std::streambuf* saved_;
+  Judgement& judgement_;
+  const std::string& unique_key_;
+  std::optional<DetectionService::Job> seen_;
 };
 
 }  // namespace
@@ -192,16 +189,11 @@ Judgement replay_judgement(const std::string& database_path, const std::string& 
   copy_workload(*db, judgement, queue_row);
 
   DetectionService service(std::move(db), settings.eps, settings.min_samples, settings.config_file);
-  std::optional<DetectionService::Job> seen;
-  service.set_job_observer([&](const DetectionService::Job& job) {
-    if (job.unique_key == unique_key) seen = job;
-  });
-  {
-    PassCapture capture(judgement);
-    service.do_detection();
-    judgement.standard_output = capture.output();
-  }
-  if (seen) replay_outcome::describe_job(service, *seen, settings.min_samples, judgement);
+  ReplayObserver observer(judgement, unique_key);
+  service.set_observer(&observer);
+  service.do_detection();
+  service.set_observer(nullptr);
+  if (observer.seen()) replay_outcome::describe_job(service, *observer.seen(), settings.min_samples, judgement);
   replay_outcome::describe_outcome(service, judgement);
   return judgement;
 }

@@ -14,6 +14,7 @@
 
 #include "model/ClosestClusterInfo.h"
 #include "service/AnomalyStat.h"
+#include "service/JobDecision.h"
 #include "storage/Value.h"
 
 struct ReplaySettings {
@@ -45,8 +46,7 @@ struct Judgement {
   // What the pass worked with (fields a step never reached keep defaults).
   bool judged = false;  // the pass took the job through its steps
   int min_required = 0, training_limit = 0;
-  bool training_chosen = false;
-  int full_feature_set = -1;
+  TrainingKind training = TrainingKind::none;
   std::size_t training_size = 0;
   std::vector<std::string> features;  // the job's own row, in matrix order
   std::vector<double> observation;
@@ -59,6 +59,10 @@ struct Judgement {
   int label = 0;
   std::optional<ClosestClusterInfo> nearest;
   std::vector<FeatureReading> readings;
+
+  // The step that decided the job, with the pass's own message for it.
+  DecidingRule rule = DecidingRule::none;
+  std::string deciding_words;
 
   // The outcome: "history", "anomaly", "pending" or "processed", a short
   // reason, and for an anomaly the payload the pass would write.

@@ -40,11 +40,11 @@ std::vector<std::string> feature_names(int feature_count, const std::set<std::st
 // that reached the range rule keeps the pass's own answer; otherwise the
 // clusterer runs once more in full on the same rows and eps.
 ClosestClusterInfo nearest_cluster(const DetectionService::Job& job, int min_samples, std::vector<int>& labels) {
-  if (job.closest) {
+  if (job.decision.nearest) {
     labels = job.labels;
-    return *job.closest;
+    return *job.decision.nearest;
   }
-  DBScan model(job.adjusted_eps, min_samples, 1);
+  DBScan model(job.decision.adjusted_eps, min_samples, 1);
   model.Run(job.observations, labels);
   return model.get_closest_cluster_for_observation(0);
 }
@@ -53,10 +53,10 @@ ClosestClusterInfo nearest_cluster(const DetectionService::Job& job, int min_sam
 void read_features(DetectionService& service, const DetectionService::Job& job, const ClosestClusterInfo& nearest,
                    const std::vector<int>& labels, Judgement& judgement) {
   DetectionService::FeatureValues members;
-  service.get_observations_in_cluster(nearest, job.training, labels, job.full_feature_set, members);
+  service.get_observations_in_cluster(nearest, job.training, labels, job.full_feature_set(), members);
   for (const Feature f : kReportOrder) {
     const FeatureInfo& info = feature_info(f);
-    if (f >= feature_set_size(job.full_feature_set)) continue;
+    if (f >= feature_set_size(job.full_feature_set())) continue;
     FeatureReading reading;
     reading.column = info.column;
     const auto cell = job.row.find(info.column);
@@ -79,19 +79,20 @@ void describe_job(DetectionService& service, const DetectionService::Job& job, i
   judgement.judged = true;
   judgement.min_required = job.min_required;
   judgement.training_limit = job.training_limit;
-  judgement.full_feature_set = job.full_feature_set;
-  judgement.training_chosen = job.full_feature_set != -1;
+  judgement.training = job.decision.training;
+  judgement.rule = job.decision.rule;
+  judgement.deciding_words = job.decision.words;
   judgement.training_size = job.training.size();
   judgement.calibration_due = job.calibrated;
   if (job.observed_features > 0) {
     judgement.features = feature_names(job.observed_features, job.disabled);
-    judgement.training_width = feature_names(feature_set_size(job.full_feature_set), job.disabled).size();
+    judgement.training_width = feature_names(feature_set_size(job.full_feature_set()), job.disabled).size();
   }
   judgement.observation = job.observation;
   judgement.clustered = !job.labels.empty();
   if (!judgement.clustered) return;
-  judgement.model_eps = job.model_eps;
-  judgement.adjusted_eps = job.adjusted_eps;
+  judgement.model_eps = job.decision.model_eps;
+  judgement.adjusted_eps = job.decision.adjusted_eps;
   judgement.label = job.labels[0];
   if (job.labels.size() != job.observations.data.size()) return;
   std::vector<int> labels;
@@ -101,30 +102,14 @@ void describe_job(DetectionService& service, const DetectionService::Job& job, i
 
 namespace {
 
-// The pass's own words for what decided the job: the last of its messages
-// that names an outcome.
-std::string deciding_message(const Judgement& judgement) {
-  static const char* const kDeciding[] = {
-      "Ignoring client", "Ignoring policy", "Not enough data for training", "Error while getting",
-      "Anomaly not detected.", "Valid record considered", "Anomaly detected for job",
-      "Error occurred while doing prediction", "All features are disabled", "Error while doing detection",
-      "Unexpected error during detection", "Could not get data for detection."};
-  for (auto step = judgement.steps.rbegin(); step != judgement.steps.rend(); ++step) {
-    for (const char* prefix : kDeciding) {
-      if (step->second.rfind(prefix, 0) == 0) return step->second;
-    }
-  }
-  return "";
-}
-
 void explain_pending(Judgement& judgement) {
   const auto policy_type = judgement.job.find("POLICY_TYPE");
   const std::string type = policy_type == judgement.job.end() ? "" : policy_type->second.text();
-  if (judgement.training_chosen && judgement.observation.empty()) {
+  if (judgement.rule == DecidingRule::features_disabled) {
     judgement.unjudgeable = Judgement::Unjudgeable::features_disabled;
     judgement.cannot_judge = "every feature it could be judged on is disabled for policy type '" + type + "'";
     judgement.hint = "enable one under [DISABLE_FEATURE_PER_POLICY_TYPE] " + type + " in the configuration";
-  } else if (judgement.full_feature_set == 0 && judgement.features.size() != judgement.training_width) {
+  } else if (judgement.training == TrainingKind::fallback && judgement.features.size() != judgement.training_width) {
     judgement.unjudgeable = Judgement::Unjudgeable::unequal_features;
     judgement.cannot_judge =
         "its storage has too little history, so it is compared with its workload's two-feature history across "
@@ -133,7 +118,7 @@ void explain_pending(Judgement& judgement) {
     judgement.hint = "set [ANOMALY_MODEL_SETTINGS] JUDGE_ON_FALLBACK_FEATURES=1 to judge it on the two features";
   } else {
     judgement.unjudgeable = Judgement::Unjudgeable::pass_failed;
-    judgement.cannot_judge = "the pass failed on it: " + deciding_message(judgement);
+    judgement.cannot_judge = "the pass failed on it: " + judgement.deciding_words;
   }
   judgement.reason = "cannot be judged: " + judgement.cannot_judge;
 }
@@ -148,7 +133,12 @@ void describe_outcome(DetectionService& service, Judgement& judgement) {
   Rows reports = rows_for_job(db, replay_sql::kReport, judgement.unique_key);
   Rows queued = rows_for_job(db, replay_sql::kQueueState, judgement.unique_key);
   Rows in_history = rows_for_job(db, replay_sql::kInHistory, judgement.unique_key);
-  judgement.reason = deciding_message(judgement);
+  // A job the pass never reached (it ended first) has no deciding step: the
+  // pass's last message says what ended it.
+  if (judgement.rule == DecidingRule::none && !judgement.steps.empty()) {
+    judgement.deciding_words = judgement.steps.back().second;
+  }
+  judgement.reason = judgement.deciding_words;
   if (!in_history.empty() && static_cast<int>(in_history[0]["N"]) != 0) {
     judgement.outcome = "history";
     if (!judgement.judged) {

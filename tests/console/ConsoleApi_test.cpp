@@ -203,14 +203,8 @@ TEST_F(ConsoleApiTest, StatusShowsAlertChannelsAndTheJobsThePassCannotJudge) {
         "INSERT INTO ALERT_DELIVERY (ANOMALY_UNIQUE_ID, CHANNEL, STATE, ATTEMPTS, FIRST_SEEN, NEXT_ATTEMPT, "
         "DELIVERED_TIME) VALUES ('a1', 'webhook', 1, 1, 100, 100, 101), ('a2', 'webhook', 2, 9, 100, 100, NULL), "
         "('a3', 'syslog', 1, 1, 100, 100, 101)");
-    // Two later jobs of reported workloads, on storage the workloads moved
-    // to: the fallback set, which the built-in settings cannot judge them on.
-    file.execute_query(
-        "CREATE TEMP TABLE moved AS SELECT * FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 1 LIMIT 2;"
-        "UPDATE moved SET UNIQUE_KEY = UNIQUE_KEY || '-moved', DESTINATION_STORAGE_NAME = 'new-pool', "
-        "PROCESSED_STATUS = 0, BACKUP_TIME = BACKUP_TIME + 86400, JOB_ID = JOB_ID + 100000;"
-        "INSERT INTO DATA_TO_PROCESS SELECT * FROM moved;");
   }
+  queue_moved_jobs(2);
   ASSERT_TRUE(start());
   Json status = parse(client().Get("/api/v1/status", bearer())->body);
   json_t* channels = json_object_get(status.get(), "alert_channels");

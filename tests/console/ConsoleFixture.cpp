@@ -108,6 +108,17 @@ long long ConsoleFixture::count(const std::string& sql) const {
   return rows.empty() ? -1 : static_cast<int>(rows[0].begin()->second);
 }
 
+void ConsoleFixture::queue_moved_jobs(int n) {
+  DBAccess file(db(), SQLITE_OPEN_READWRITE);
+  file.execute_query(
+      "CREATE TEMP TABLE moved AS SELECT * FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 1 LIMIT " +
+      std::to_string(n) +
+      ";"
+      "UPDATE moved SET UNIQUE_KEY = UNIQUE_KEY || '-moved', DESTINATION_STORAGE_NAME = 'new-pool', "
+      "PROCESSED_STATUS = 0, BACKUP_TIME = BACKUP_TIME + 86400, JOB_ID = JOB_ID + 100000;"
+      "INSERT INTO DATA_TO_PROCESS SELECT * FROM moved;");
+}
+
 std::string ConsoleFixture::add_anomaly(const std::string& client, const std::string& job_id) {
   const time_t now = std::time(nullptr);
   Row job;

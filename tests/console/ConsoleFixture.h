@@ -45,6 +45,10 @@ class ConsoleFixture : public ::testing::Test {
   // Reports an anomaly as the detector would, for a client name of the
   // test's choosing; its job is queued (processed). Returns its id.
   std::string add_anomaly(const std::string& client, const std::string& job_id);
+  // Queues, for n workloads that had a job reported, a later job on storage
+  // the workload moved to: with the built-in settings the next pass cannot
+  // judge them (two-feature history, five features offered).
+  void queue_moved_jobs(int n);
 
   tsanomaly_test::TempDir dir;
   std::unique_ptr<tsanomaly_test::ChildProcess> server;
