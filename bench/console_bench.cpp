@@ -25,10 +25,10 @@
 #include <string>
 #include <vector>
 
-#include "service/AnomalyPayload.h"
+#include "contract/AnomalyPayload.h"
 #include "storage/DBAccess.h"
 #include "storage/Statement.h"
-#include "tools/BackupSimulator.h"
+#include "simulator/BackupSimulator.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;

@@ -4,9 +4,9 @@
 #include <algorithm>
 
 #include "schema/DetectorSql.h"
-#include "service/AnomalyPayload.h"
+#include "contract/AnomalyPayload.h"
 #include "service/DetectionService.h"
-#include "service/Features.h"
+#include "contract/Features.h"
 #include "service/JobKey.h"
 #include "service/TrainingRecords.h"
 #include "storage/Statement.h"

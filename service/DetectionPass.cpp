@@ -11,7 +11,7 @@
 #include "service/PassSettings.h"
 #include "service/PassObserver.h"
 #include "service/PendingJob.h"
-#include "service/StopSignal.h"
+#include "platform/StopSignal.h"
 #include "service/TrainingRecords.h"
 #include "storage/StatementCache.h"
 #include "util/Text.h"

@@ -6,7 +6,7 @@
 #include <iostream>
 
 #include "platform/DebugLog.h"
-#include "service/Features.h"
+#include "contract/Features.h"
 #include "service/PassObserver.h"
 #include "service/PendingJob.h"
 #include "service/ServiceLoop.h"

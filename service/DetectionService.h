@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "model/ClosestClusterInfo.h"
-#include "service/AnomalyStat.h"
+#include "contract/AnomalyStat.h"
 #include "service/JobDecision.h"
 #include "storage/DBAccess.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "service/Features.h"
+#include "contract/Features.h"
 #include "service/TrainingRecords.h"
 #include "storage/Value.h"
 

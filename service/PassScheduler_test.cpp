@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tests/support/ServiceTestFixture.h"
-#include "service/StopSignal.h"
+#include "platform/StopSignal.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "config/Configuration.h"
-#include "service/Features.h"
+#include "contract/Features.h"
 #include "storage/Value.h"
 #include "util/Int32.h"
 #include "util/Text.h"

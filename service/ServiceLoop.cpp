@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "service/PassStatus.h"
-#include "service/StopSignal.h"
-#include "service/SystemdNotify.h"
+#include "platform/StopSignal.h"
+#include "platform/SystemdNotify.h"
 
 ServiceLoop::ServiceLoop(DetectionService& service, PassScheduler::Clock clock, PassScheduler::Sleep sleep)
     : service_(service), clock_(std::move(clock)), sleep_(std::move(sleep)) {}

@@ -7,7 +7,7 @@
 
 #include "service/PassStatus.h"
 #include "tests/support/ServiceTestFixture.h"
-#include "service/StopSignal.h"
+#include "platform/StopSignal.h"
 #include "tests/support/NotifySocket.h"
 
 using tsanomaly_test::NotifySocket;

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/DebugLog.h"
-#include "service/StopSignal.h"
+#include "platform/StopSignal.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "service/Features.h"
+#include "contract/Features.h"
 #include "storage/DBAccess.h"
 
 class TrainingRecords {

@@ -10,7 +10,7 @@
 #include "service/DetectionService.h"
 #include "service/SchemaFindings.h"
 #include "service/ServiceOptions.h"
-#include "service/StopSignal.h"
+#include "platform/StopSignal.h"
 
 int main(int argc, char** argv) {
   const std::optional<ServiceOptions> started = ServiceOptions::start_up(argc, argv);

@@ -20,7 +20,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/RowWriter.h"
 #include "tests/support/TempDir.h"
-#include "tools/AnomalyStore.h"
+#include "operator/AnomalyStore.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;

@@ -13,7 +13,7 @@
 #include "storage/DBAccess.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TempDir.h"
-#include "tools/JudgementReplay.h"
+#include "replay/JudgementReplay.h"
 
 namespace {
 

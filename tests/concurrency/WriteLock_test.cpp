@@ -20,7 +20,7 @@
 
 #include "platform/DebugLog.h"
 #include "service/DetectionService.h"
-#include "service/StopSignal.h"
+#include "platform/StopSignal.h"
 #include "tests/concurrency/JobFactory.h"
 #include "tests/crash/QueueAudit.h"
 #include "tests/support/ChildProcess.h"

@@ -6,7 +6,7 @@
 #include <ctime>
 #include <regex>
 
-#include "service/AnomalyPayload.h"
+#include "contract/AnomalyPayload.h"
 #include "storage/DBAccess.h"
 #include "storage/Statement.h"
 #include "tests/support/RowWriter.h"

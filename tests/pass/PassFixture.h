@@ -20,7 +20,7 @@
 
 #include "platform/DebugLog.h"
 #include "tests/support/ServiceTestFixture.h"
-#include "service/StopSignal.h"
+#include "platform/StopSignal.h"
 
 namespace pass_test {
 

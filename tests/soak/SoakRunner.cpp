@@ -36,7 +36,7 @@
 #include "storage/DBAccess.h"
 #include "tests/concurrency/JobFactory.h"
 #include "tests/crash/QueueAudit.h"
-#include "tools/BackupSimulator.h"
+#include "simulator/BackupSimulator.h"
 
 namespace {
 

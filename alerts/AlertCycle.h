@@ -1,0 +1,36 @@
+// AlertCycle: one round of the alert process. It reads the configuration
+// afresh, finds the anomalies each configured channel has not alerted yet,
+// withdraws those operators have already handled, and sends the rest (one
+// message each, or one summary when more than GROUP_THRESHOLD are due),
+// recording every outcome in the ledger right after the send. A channel
+// that fails is postponed on its own; the others go on. Problems are
+// logged, not thrown; a configuration problem is logged when it first
+// appears, not at every cycle.
+#pragma once
+
+#include <ctime>
+#include <set>
+#include <string>
+
+#include "alerts/AlertSettings.h"
+
+class AlertCycle {
+ public:
+  AlertCycle(std::string database_path, std::string config_path);
+
+  // Runs one cycle at now and answers the settings it read (the caller takes
+  // the interval to the next cycle from them). false in ok() when the
+  // database could not be used.
+  AlertSettings run(time_t now);
+  bool ok() const { return ok_; }
+
+ private:
+  void note_problems(const AlertSettings& settings);
+  void deliver(class DeliveryLedger& ledger, const ChannelSettings& channel, const AlertSettings& settings,
+               time_t now);
+
+  std::string database_path_;
+  std::string config_path_;
+  std::set<std::string> known_problems_;
+  bool ok_ = true;
+};

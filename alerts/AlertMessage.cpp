@@ -1,0 +1,254 @@
+#include "alerts/AlertMessage.h"
+
+#include <jansson.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "platform/LocalTime.h"
+#include "platform/VisibleText.h"
+#include "contract/AnomalyPayload.h"
+#include "util/Text.h"
+
+namespace {
+
+// Longest text kept from one database field, in bytes.
+constexpr std::size_t kMaxField = 256;
+// Anomalies named in a summary's line, and listed in its text.
+constexpr std::size_t kNamedInLine = 5;
+constexpr std::size_t kListedInText = 100;
+constexpr const char* kDot = " \u00b7 ";
+constexpr const char* kDash = "\u2013";
+
+// Valid UTF-8, at most kMaxField bytes, never cut inside a character.
+std::string bounded(const std::string& raw) {
+  std::string text = text::as_utf8(raw);
+  if (text.size() <= kMaxField) return text;
+  std::size_t end = 0;
+  while (end < text.size()) {
+    const std::size_t length = text::utf8_sequence_length(text, end);
+    if (end + length > kMaxField) break;
+    end += length;
+  }
+  return text.substr(0, end) + "\u2026";
+}
+
+// For texts: bounded, and every control character shown as an escape.
+std::string shown(const std::string& raw) { return visible_text(bounded(raw)); }
+
+const char* unit_suffix(FeatureUnit unit) {
+  switch (unit) {
+    case FeatureUnit::Seconds: return " s";
+    case FeatureUnit::Kilobytes: return " MB";  // payload texts are in MB
+    default: return "";
+  }
+}
+
+std::string without_unit(std::string text) {
+  const std::string suffix = std::string(" ") + anomaly_payload::kSizeUnit;
+  if (text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0) {
+    text.resize(text.size() - suffix.size());
+  }
+  return text;
+}
+
+std::optional<double> change_percent(double current, double low, double high) {
+  const double edge = current > high ? high : current < low ? low : 0;
+  if (edge == 0 || !std::isfinite(current) || !std::isfinite(edge)) return std::nullopt;
+  return (current - edge) / std::fabs(edge) * 100.0;
+}
+
+std::string percent_text(double percent) {
+  const long long rounded = std::llround(percent);
+  return (rounded >= 0 ? "+" : "") + std::to_string(rounded) + "%";
+}
+
+std::optional<AlertFeature> feature_of(const std::string& member, const std::string& text) {
+  const FeatureInfo* info = feature_by_member(member);
+  const auto reading = anomaly_payload::parse_reading(text);
+  if (info == nullptr || !reading) return std::nullopt;
+  AlertFeature feature{info,          shown(without_unit(reading->current_text)),
+                       shown(without_unit(reading->low_text)), shown(without_unit(reading->high_text)),
+                       reading->current, reading->low, reading->high, std::nullopt};
+  feature.change_percent = change_percent(reading->current, reading->low, reading->high);
+  return feature;
+}
+
+std::string lower_title(const FeatureInfo& info) { return text::to_lower(info.title); }
+
+// "time taken 30752 s, usual 4045–5250 s (+486%)"
+std::string feature_phrase(const AlertFeature& f) {
+  const char* unit = unit_suffix(f.info->unit);
+  std::string phrase = lower_title(*f.info) + " " + f.value + unit + ", usual " + f.usual_min + kDash + f.usual_max + unit;
+  if (f.change_percent) phrase += " (" + percent_text(*f.change_percent) + ")";
+  return phrase;
+}
+
+std::string headline(const AnomalyAlert& a) {
+  std::string what = a.features.empty() ? (a.summary.empty() ? "anomaly reported" : a.summary)
+                                        : feature_phrase(a.features.front());
+  return a.client + kDot + a.policy + kDot + a.schedule + ": " + what;
+}
+
+std::string details(const AnomalyAlert& a) {
+  std::string text;
+  for (std::size_t i = 1; i < a.features.size(); ++i) text += feature_phrase(a.features[i]) + "\n";
+  text += "score " + a.score + kDot + "policy type " + a.policy_type + kDot + "storage " + a.storage + kDot +
+          "detected " + local_time_text(a.detection_time) + "\n";
+  if (!a.link.empty()) text += a.link + "\n";
+  return text;
+}
+
+struct JsonDeleter {
+  void operator()(json_t* json) const { json_decref(json); }
+};
+using Json = std::unique_ptr<json_t, JsonDeleter>;
+
+void set(json_t* object, const char* key, json_t* value) { json_object_set_new(object, key, value); }
+json_t* string_or_null(const std::string& text) { return text.empty() ? json_null() : json_string(text.c_str()); }
+
+std::string utc_text(time_t t) {
+  struct tm parts {};
+  gmtime_r(&t, &parts);
+  char buffer[32];
+  std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return buffer;
+}
+
+json_t* feature_json(const AlertFeature& f) {
+  json_t* object = json_object();
+  set(object, "name", json_string(lower_title(*f.info).c_str()));
+  set(object, "value", json_real(f.current));
+  set(object, "usual_min", json_real(f.low));
+  set(object, "usual_max", json_real(f.high));
+  set(object, "unit", json_string(unit_suffix(f.info->unit)[0] ? unit_suffix(f.info->unit) + 1 : ""));
+  set(object, "change_percent", f.change_percent ? json_real(std::round(*f.change_percent)) : json_null());
+  return object;
+}
+
+// The document of one anomaly, without its texts (the caller adds them).
+json_t* anomaly_json(const AnomalyAlert& a) {
+  json_t* object = json_object();
+  set(object, "id", json_string(a.id.c_str()));
+  set(object, "client", json_string(a.client.c_str()));
+  set(object, "policy", json_string(a.policy.c_str()));
+  set(object, "policy_type", json_string(a.policy_type.c_str()));
+  set(object, "schedule", json_string(a.schedule.c_str()));
+  set(object, "storage", json_string(a.storage.c_str()));
+  set(object, "detection_time", json_string(utc_text(a.detection_time).c_str()));
+  char* end = nullptr;
+  const double score = std::strtod(a.score.c_str(), &end);
+  set(object, "score", end != a.score.c_str() && *end == '\0' && std::isfinite(score) ? json_real(score) : json_null());
+  json_t* features = json_array();
+  for (const AlertFeature& f : a.features) json_array_append_new(features, feature_json(f));
+  set(object, "features", features);
+  set(object, "link", string_or_null(a.link));
+  return object;
+}
+
+std::string dump(json_t* document, const std::string& type, const AlertMessage& message) {
+  Json owner(document);
+  set(document, "type", json_string(type.c_str()));
+  set(document, "summary", json_string(message.line.c_str()));
+  set(document, "text", json_string(message.text.c_str()));
+  char* text = json_dumps(document, JSON_COMPACT | JSON_REAL_PRECISION(15));
+  std::string result = text != nullptr ? text : "{}";
+  std::free(text);
+  return result;
+}
+
+}  // namespace
+
+std::string console_link(const std::string& console_url, const std::string& id) {
+  if (console_url.empty()) return "";
+  static const char* kHex = "0123456789ABCDEF";
+  std::string link = console_url + "/anomalies/";
+  for (unsigned char c : id) {
+    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+      link += static_cast<char>(c);
+    } else {
+      link += '%';
+      link += kHex[c >> 4];
+      link += kHex[c & 15];
+    }
+  }
+  return link;
+}
+
+AnomalyAlert AnomalyAlert::from_row(const std::string& id, const std::string& client, time_t detection_time,
+                                    const std::string& payload, const std::string& console_url) {
+  anomaly_payload::Fields fields = anomaly_payload::parse(payload);
+  AnomalyAlert a;
+  a.id = shown(id);
+  a.client = shown(client);
+  a.policy = shown(fields.policy);
+  a.policy_type = shown(fields.policy_type);
+  a.schedule = shown(fields.schedule_name);
+  a.storage = shown(fields.storage_name);
+  a.score = shown(fields.score);
+  a.summary = shown(fields.summary);
+  a.detection_time = detection_time;
+  for (const auto& [member, text] : fields.attributes) {
+    if (auto feature = feature_of(member, text)) a.features.push_back(*feature);
+  }
+  std::stable_sort(a.features.begin(), a.features.end(), [](const AlertFeature& x, const AlertFeature& y) {
+    return std::fabs(x.change_percent.value_or(-1)) > std::fabs(y.change_percent.value_or(-1));
+  });
+  // The link addresses the anomaly by its real id, percent-encoded (plain
+  // ASCII); an id too long for any sane URL gets none.
+  if (id.size() <= kMaxField) a.link = console_link(console_url, id);
+  return a;
+}
+
+AlertMessage AlertMessage::for_anomaly(const AnomalyAlert& alert) {
+  AlertMessage message;
+  message.key = alert.id;
+  message.line = headline(alert);
+  message.text = message.line + "\n" + details(alert);
+  message.json = dump(anomaly_json(alert), "anomaly", message);
+  return message;
+}
+
+AlertMessage AlertMessage::summary(const std::vector<AnomalyAlert>& alerts) {
+  AlertMessage message;
+  message.line = std::to_string(alerts.size()) + " new backup anomalies: ";
+  // The same batch, sent again after a crash, carries the same key.
+  message.key = "summary:" + (alerts.empty() ? std::string() : alerts.front().id) + ":" + std::to_string(alerts.size());
+  message.text = "\n";
+  json_t* list = json_array();
+  for (std::size_t i = 0; i < alerts.size(); ++i) {
+    const AnomalyAlert& a = alerts[i];
+    if (i < kNamedInLine) message.line += (i ? ", " : "") + a.client + kDot + a.policy;
+    if (i < kListedInText) message.text += headline(a) + (a.link.empty() ? "" : "  " + a.link) + "\n";
+    json_t* item = anomaly_json(a);
+    set(item, "summary", json_string(headline(a).c_str()));
+    json_array_append_new(list, item);
+  }
+  if (alerts.size() > kNamedInLine) message.line += " and " + std::to_string(alerts.size() - kNamedInLine) + " more";
+  if (alerts.size() > kListedInText) {
+    message.text += "\u2026 and " + std::to_string(alerts.size() - kListedInText) + " more\n";
+  }
+  message.text = message.line + message.text;
+  json_t* document = json_object();
+  set(document, "count", json_integer(static_cast<json_int_t>(alerts.size())));
+  set(document, "anomalies", list);
+  message.json = dump(document, "summary", message);
+  return message;
+}
+
+AlertMessage AlertMessage::test(const std::string& console_url, time_t now) {
+  AlertMessage message;
+  message.key = "alert-test-" + std::to_string(now);
+  message.line = "tsanomalydetect alert test: this channel works (no anomaly was found)";
+  message.text = message.line + "\nsent " + local_time_text(now) + " by 'tsanomalyctl alert-test'\n";
+  if (!console_url.empty()) message.text += shown(console_url) + "\n";
+  json_t* document = json_object();
+  set(document, "id", json_string(message.key.c_str()));
+  set(document, "detection_time", json_string(utc_text(now).c_str()));
+  set(document, "link", string_or_null(shown(console_url)));
+  message.json = dump(document, "test", message);
+  return message;
+}

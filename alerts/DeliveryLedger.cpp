@@ -1,0 +1,109 @@
+#include "alerts/DeliveryLedger.h"
+
+#include "operator/AlertFigures.h"
+
+#include <cstdlib>
+#include <stdexcept>
+
+#include "schema/AlertSql.h"
+#include "schema/AnomalySchema.h"
+#include "storage/Statement.h"
+
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
+
+namespace {
+
+// A payload larger than this is not the detector's and is not read.
+constexpr int kMaxPayloadBytes = 65536;
+constexpr const char* kWithdrawnReason =
+    "withdrawn: reported as a false positive, acknowledged or removed before the alert went out";
+
+double seconds(time_t t) { return static_cast<double>(t); }
+
+bool has_anomaly_table(DBAccess& db) {
+  Rows rows;
+  db.read_data("SELECT COUNT(*) AS N FROM sqlite_master WHERE type = 'table' AND name = 'ANOMALY_DATA'", rows);
+  return static_cast<int>(rows[0]["N"]) == 1;
+}
+
+}  // namespace
+
+DeliveryLedger::DeliveryLedger(DBAccess& db, const std::string& path) : db_(db) {
+  if (alert_tables_present(db_)) return;
+  if (!has_anomaly_table(db_)) {
+    throw std::runtime_error("'" + path + "' has no ANOMALY_DATA table; create it with 'tsanomalyctl init'");
+  }
+  db_.execute_query(anomaly_schema::alert_db_sql());
+}
+
+void DeliveryLedger::register_channel(const std::string& channel, time_t since_time) {
+  Statement st(db_.handle, alert_sql::kRegisterChannel);
+  st.bind(1, channel);
+  st.bind(2, seconds(since_time));
+  db_.execute_query_prepared(st);
+}
+
+void DeliveryLedger::enqueue_new(const std::string& channel, time_t now) {
+  Statement st(db_.handle, alert_sql::kEnqueueNewAnomalies);
+  st.bind(1, channel);
+  st.bind(2, seconds(now));
+  db_.execute_query_prepared(st);
+}
+
+void DeliveryLedger::withdraw_handled() {
+  Statement st(db_.handle, alert_sql::kWithdrawHandledAnomalies);
+  st.bind(1, std::string(kWithdrawnReason));
+  db_.execute_query_prepared(st);
+}
+
+std::vector<DueAlert> DeliveryLedger::due(const std::string& channel, time_t now, int limit) {
+  Statement st(db_.handle, alert_sql::kSelectDueAlerts);
+  st.bind(1, channel);
+  st.bind(2, seconds(now));
+  st.bind(3, limit);
+  st.bind(4, kMaxPayloadBytes);
+  std::vector<DueAlert> alerts;
+  db_.visit_records_prepared(st, [&](const auto& cursor) {
+    DueAlert& alert = alerts.emplace_back();
+    alert.id = cursor.text(0);
+    alert.client = cursor.text(1);
+    alert.detection_time = static_cast<time_t>(std::strtoll(cursor.text(2), nullptr, 10));
+    alert.payload = cursor.text(3);
+  });
+  return alerts;
+}
+
+void DeliveryLedger::mark_delivered(const std::string& channel, const std::vector<DueAlert>& alerts, time_t now) {
+  db_.begin_transaction();
+  try {
+    for (const DueAlert& alert : alerts) {
+      Statement st(db_.handle, alert_sql::kMarkDelivered);
+      st.bind(1, channel);
+      st.bind(2, alert.id);
+      st.bind(3, seconds(now));
+      db_.execute_query_prepared(st);
+    }
+    db_.commit_transaction();
+  } catch (...) {
+    db_.rollback_transaction();
+    throw;
+  }
+}
+
+std::vector<std::string> DeliveryLedger::postpone_due(const std::string& channel, time_t now,
+                                                      const std::string& error, int retry_seconds) {
+  Statement st(db_.handle, alert_sql::kPostponeDueAlerts);
+  st.bind(1, channel);
+  st.bind(2, seconds(now));
+  st.bind(3, error);
+  st.bind(4, retry_seconds);
+  st.bind(5, kMaxDelaySeconds);
+  st.bind(6, kRetryWindowSeconds);
+  std::vector<std::string> given_up;
+  db_.visit_records_prepared(st, [&](const auto& cursor) {
+    if (std::string(cursor.text(1)) == "2") given_up.push_back(cursor.text(0));
+  });
+  return given_up;
+}

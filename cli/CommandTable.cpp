@@ -1,0 +1,51 @@
+#include "cli/CommandTable.h"
+
+#include <cstring>
+
+#include "cli/AlertCommand.h"
+#include "cli/AnomaliesCommand.h"
+#include "cli/DetectCommand.h"
+#include "cli/ExplainCommand.h"
+#include "cli/FeedbackCommand.h"
+#include "cli/InitCommand.h"
+#include "cli/ReportCommand.h"
+#include "cli/ServeCommand.h"
+#include "cli/SimulateCommand.h"
+#include "cli/StatusCommand.h"
+#include "cli/UpgradeCommand.h"
+
+namespace {
+
+const Command kCommands[] = {
+    {"init", "create a detector database", kInitHelp, run_init},
+    {"detect", "run one detection pass now", kDetectHelp, run_detect},
+    {"anomalies", "list reported anomalies, newest first", kAnomaliesHelp, run_anomalies},
+    {"feedback", "report an anomaly as a false positive", kFeedbackHelp, run_feedback},
+    {"explain", "show how a job of the queue is judged, step by step", kExplainHelp, run_explain},
+    {"report", "write an HTML page of the anomalies with charts", kReportHelp, run_report},
+    {"serve", "serve the operator console: pages, JSON API, metrics", kServeHelp, run_serve},
+    {"status", "queue, history, models and recent anomalies", kStatusHelp, run_status},
+    {"simulate", "fill a database with synthetic backup jobs", kSimulateHelp, run_simulate},
+    {"upgrade", "compare a database with the detector's schema; add what is missing", kUpgradeHelp, run_upgrade},
+    {"alert", "send alerts for new anomalies (the alert process)", kAlertHelp, run_alert},
+    {"alert-test", "send a test alert through every configured channel", kAlertTestHelp, run_alert_test},
+};
+
+}  // namespace
+
+const Command* find_command(const char* name) {
+  for (const Command& command : kCommands) {
+    if (std::strcmp(command.name, name) == 0) {
+      return &command;
+    }
+  }
+  return nullptr;
+}
+
+void print_usage(std::ostream& out) {
+  out << "usage: tsanomalyctl COMMAND [OPTIONS]\n\ncommands:\n";
+  for (const Command& command : kCommands) {
+    out << "  " << command.name << std::string(12 - std::strlen(command.name), ' ') << command.summary << "\n";
+  }
+  out << "\nRun 'tsanomalyctl COMMAND --help' for a command's options.\n";
+}

@@ -1,0 +1,205 @@
+#include "cli/ExplainCommand.h"
+
+#include <jansson.h>
+
+#include <cmath>
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+#include "platform/VisibleText.h"
+#include "cli/CommandArgs.h"
+#include "operator/ErrorText.h"
+#include "replay/JudgementReplay.h"
+#include "util/Text.h"
+
+const char* const kExplainHelp =
+    "usage: tsanomalyctl explain DB UNIQUE_KEY [-config_file INI] [-eps E] [-min_samples N] [--json]\n"
+    "\n"
+    "Shows how the next detection pass would judge the job UNIQUE_KEY of\n"
+    "DATA_TO_PROCESS if it were the only pending job: the exclusions and stream\n"
+    "check, the training set it takes (the job's own storage, or the two-feature\n"
+    "fallback across storages), calibration, eps, the job's DBSCAN label, its\n"
+    "nearest cluster, each feature against that cluster's usual range, the rule\n"
+    "that decides, and the outcome with the payload it would write. A job that\n"
+    "was already reported is judged again, to show why it was reported.\n"
+    "\n"
+    "It runs the detector's own pass on an in-memory copy of the job's workload;\n"
+    "DB is opened read-only and never changed, also while the service runs.\n"
+    "Give the service's -config_file, -eps and -min_samples for its judgement.\n"
+    "\n"
+    "  --json   one JSON object: outcome (history, anomaly, pending, processed),\n"
+    "           reason, and the details above\n"
+    "\n"
+    "Exit status: 0 explained, 1 DB or the job could not be read, 2 bad arguments.\n";
+
+namespace {
+
+std::string number(double value, int decimals = 6) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.*f", decimals, value);
+  return text;
+}
+
+std::string cell(const Judgement& j, const char* column) {
+  const auto found = j.job.find(column);
+  return found == j.job.end() ? "" : found->second.text();
+}
+
+void print_header(const Judgement& j) {
+  std::cout << "Job " << visible_text(cell(j, "JOB_ID")) << " (" << visible_text(j.unique_key) << "): "
+            << visible_text(cell(j, "CLIENT")) << " / " << visible_text(cell(j, "POLICY")) << " / "
+            << visible_text(cell(j, "POLICY_TYPE")) << " / " << visible_text(cell(j, "SCHEDULE_NAME"))
+            << ", storage " << visible_text(cell(j, "DESTINATION_STORAGE_NAME")) << ", asset "
+            << visible_text(cell(j, "ASSET_ID")) << ", stream " << visible_text(cell(j, "STREAM_NUMBER")) << "\n";
+  std::cout << "In the queue: " << (j.reported_already ? "reported by an earlier pass (judged again here)" : "pending")
+            << "\n";
+  if (j.verdicts_first > 0) {
+    std::cout << "First, the pass folds in " << j.verdicts_first
+              << " user verdict(s) on this workload: they change its training set (included here).\n";
+  }
+  if (j.earlier_pending > 0) {
+    std::cout << "The pass judges " << j.earlier_pending
+              << " earlier pending job(s) of this workload first: they may change its training set (not "
+                 "included here).\n";
+  }
+}
+
+void print_training(const Judgement& j) {
+  if (j.training == TrainingKind::none) return;
+  std::cout << "\nTraining set: " << (j.training == TrainingKind::full ? "the job's own storage" : "fallback across storages")
+            << ", " << j.training_size << " jobs (minimum " << j.min_required << ", limit " << j.training_limit
+            << ")\n";
+  std::string names;
+  for (const std::string& name : j.features) names += (names.empty() ? "" : ", ") + name;
+  std::cout << "Features of the job: " << (names.empty() ? "none" : names) << " (training rows have "
+            << j.training_width << ")\n";
+  if (j.calibration_due && j.stored_eps) {
+    std::cout << "Calibration: due; the pass stores eps " << number(*j.stored_eps) << "\n";
+  } else if (j.stored_eps) {
+    std::cout << "Calibration: not due; the stored eps is " << number(*j.stored_eps) << "\n";
+  } else {
+    std::cout << "Calibration: not due; no eps stored, the command line's is used\n";
+  }
+}
+
+void print_clustering(const Judgement& j) {
+  if (!j.clustered) return;
+  std::cout << "Eps " << number(j.model_eps) << ", adjusted by the sensitivity to " << number(j.adjusted_eps) << "\n";
+  std::cout << "DBSCAN label of the job: " << j.label << (j.label == -1 ? " (noise: an outlier)" : " (in a cluster)")
+            << "\n";
+  if (j.nearest) {
+    std::cout << "Nearest cluster: " << j.nearest->cluster_id << " at distance " << number(j.nearest->distance, 2)
+              << "\n";
+  }
+  for (const FeatureReading& r : j.readings) {
+    std::cout << "  " << r.column << std::string(16 - r.column.size(), ' ') << number(r.value, 2);
+    if (r.usual) {
+      std::cout << "  usual " << number(r.usual->first, 2) << " - " << number(r.usual->second, 2);
+    } else {
+      std::cout << "  no usual range";
+    }
+    std::cout << (r.in_range ? "  in range" : "  OUTSIDE") << "\n";
+  }
+}
+
+void print_human(const Judgement& j) {
+  print_header(j);
+  std::cout << "\nThe pass, in the detector's own log lines:\n";
+  for (const auto& [level, message] : j.steps) std::cout << "  <" << level << "> " << message << "\n";
+  if (!j.standard_output.empty()) std::cout << "  (standard output) " << visible_text(j.standard_output) << "\n";
+  print_training(j);
+  print_clustering(j);
+  std::cout << "\nOutcome: " << j.outcome << " - " << j.reason << "\n";
+  if (!j.hint.empty()) std::cout << "Hint: " << j.hint << "\n";
+  if (!j.payload.empty()) std::cout << "Payload: " << visible_text(j.payload) << "\n";
+}
+
+json_t* text(const std::string& s) { return json_string(text::as_utf8(s).c_str()); }
+
+json_t* training_json(const Judgement& j) {
+  json_t* training = json_object();
+  json_object_set_new(training, "set", text(j.training == TrainingKind::full ? "storage" : "fallback"));
+  json_object_set_new(training, "size", json_integer(static_cast<json_int_t>(j.training_size)));
+  json_object_set_new(training, "minimum", json_integer(j.min_required));
+  json_object_set_new(training, "limit", json_integer(j.training_limit));
+  json_t* features = json_array();
+  for (const std::string& name : j.features) json_array_append_new(features, text(name));
+  json_object_set_new(training, "features", features);
+  json_object_set_new(training, "calibration_due", json_boolean(j.calibration_due));
+  if (j.stored_eps) json_object_set_new(training, "stored_eps", json_real(*j.stored_eps));
+  return training;
+}
+
+json_t* clustering_json(const Judgement& j) {
+  json_t* clustering = json_object();
+  json_object_set_new(clustering, "eps", json_real(j.model_eps));
+  json_object_set_new(clustering, "adjusted_eps", json_real(j.adjusted_eps));
+  json_object_set_new(clustering, "label", json_integer(j.label));
+  if (j.nearest) {
+    json_object_set_new(clustering, "nearest_cluster", json_integer(j.nearest->cluster_id));
+    json_object_set_new(clustering, "distance", json_real(j.nearest->distance));
+  }
+  json_t* readings = json_array();
+  for (const FeatureReading& r : j.readings) {
+    json_t* reading = json_object();
+    json_object_set_new(reading, "feature", text(r.column));
+    json_object_set_new(reading, "value", json_real(r.value));
+    if (r.usual) {
+      json_object_set_new(reading, "usual_min", json_real(r.usual->first));
+      json_object_set_new(reading, "usual_max", json_real(r.usual->second));
+    }
+    json_object_set_new(reading, "in_range", json_boolean(r.in_range));
+    json_array_append_new(readings, reading);
+  }
+  json_object_set_new(clustering, "features", readings);
+  return clustering;
+}
+
+void print_json(const Judgement& j) {
+  json_t* root = json_object();
+  json_object_set_new(root, "unique_key", text(j.unique_key));
+  json_object_set_new(root, "outcome", text(j.outcome));
+  json_object_set_new(root, "reason", text(j.reason));
+  if (!j.hint.empty()) json_object_set_new(root, "hint", text(j.hint));
+  json_object_set_new(root, "reported_already", json_boolean(j.reported_already));
+  json_object_set_new(root, "verdicts_folded_first", json_integer(j.verdicts_first));
+  json_object_set_new(root, "earlier_pending_jobs", json_integer(j.earlier_pending));
+  json_t* steps = json_array();
+  for (const auto& step : j.steps) json_array_append_new(steps, text(step.second));
+  json_object_set_new(root, "steps", steps);
+  if (j.training != TrainingKind::none) json_object_set_new(root, "training", training_json(j));
+  if (j.clustered) json_object_set_new(root, "clustering", clustering_json(j));
+  if (!j.payload.empty()) {
+    json_t* payload = json_loads(text::as_utf8(j.payload).c_str(), 0, nullptr);
+    json_object_set_new(root, "payload", payload != nullptr ? payload : text(j.payload));
+  }
+  char* dumped = json_dumps(root, JSON_COMPACT | JSON_PRESERVE_ORDER);
+  std::cout << dumped << "\n";
+  free(dumped);
+  json_decref(root);
+}
+
+}  // namespace
+
+int run_explain(int argc, char** argv) {
+  CommandArgs args(argc, argv, {{"--json"}, {"-config_file", "-eps", "-min_samples"}, 2, 2});
+  if (auto exit_code = args.help_or_usage_error("explain", kExplainHelp)) return *exit_code;
+  ReplaySettings settings;
+  settings.config_file = args.value("-config_file").value_or("");
+  settings.eps = args.number("-eps", 0.0, -1e300, 1e300);
+  settings.min_samples = static_cast<int>(args.integer("-min_samples", 3, 3, 1000000));
+  if (auto exit_code = args.help_or_usage_error("explain", kExplainHelp)) return *exit_code;
+  try {
+    const Judgement judgement = replay_judgement(args.positional()[0], args.positional()[1], settings);
+    if (args.flag("--json")) {
+      print_json(judgement);
+    } else {
+      print_human(judgement);
+    }
+  } catch (const std::exception& e) {
+    std::cerr << "tsanomalyctl explain: " << ErrorText::of(e) << "\n";
+    return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,108 @@
+#include "cli/ReportCommand.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <ctime>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "operator/AnomalyStore.h"
+#include "cli/CommandArgs.h"
+#include "operator/ErrorText.h"
+#include "report/HtmlReport.h"
+#include "util/SafeFile.h"
+
+const char* const kReportHelp =
+    "usage: tsanomalyctl report DB -o FILE.html [--limit N] [--days D]\n"
+    "\n"
+    "Writes one HTML page about the anomalies in the detector database DB: a\n"
+    "summary (how many, which clients, how recent, the most frequent kind), then\n"
+    "one card per anomaly, newest first, with a chart of the workload's history\n"
+    "for every feature that left its usual range. The page is self-contained:\n"
+    "no scripts, nothing fetched; open it in any browser, also offline.\n"
+    "\n"
+    "  -o, --output FILE  where to write the page (an existing file is replaced)\n"
+    "  --limit N          at most N cards (default 100); the summary counts all\n"
+    "  --days D           chart the D days of history before each job (default 180)\n";
+
+namespace {
+
+constexpr long long kDefaultLimit = 100;
+constexpr long long kDefaultDays = 180;
+
+int usage_error(const std::string& message) { return CommandArgs::usage_error("report", message); }
+
+bool same_file(const std::string& a, const std::string& b) {
+  struct stat sa {}, sb {};
+  return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+// The path with every link and "." or ".." in its existing part resolved,
+// so two spellings of one place compare equal even when the file itself does
+// not exist yet; "" when it cannot be resolved.
+std::string resolved(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::path real = std::filesystem::weakly_canonical(path, error);
+  return error ? "" : real.string();
+}
+
+// Which of the database and the files SQLite keeps beside it output names
+// ("" for the database itself), or nothing: writing a page over any of them
+// would destroy or corrupt the database.
+std::optional<std::string> database_file_named(const std::string& database, const std::string& output) {
+  const std::string target = resolved(output);
+  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+    const std::string companion = database + suffix;
+    if (same_file(companion, output) || (!target.empty() && resolved(companion) == target)) return suffix;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+int run_report(int argc, char** argv) {
+  CommandArgs args(argc, argv, {{}, {"-o", "--output", "--limit", "--days"}, 1, 1});
+  const long long limit = args.integer("--limit", kDefaultLimit, 0, 1000000000);
+  const long long days = args.integer("--days", kDefaultDays, 1, 100000);
+  if (auto exit_code = args.help_or_usage_error("report", kReportHelp)) return *exit_code;
+  const auto output = args.value("-o") ? args.value("-o") : args.value("--output");
+  if (!output) return usage_error("missing -o FILE.html: where to write the page");
+  if (output->empty()) return usage_error("-o needs a file name");
+  const std::string& database = args.positional()[0];
+  if (const auto suffix = database_file_named(database, *output)) {
+    return usage_error(suffix->empty() ? "-o names the database itself; choose another file"
+                                       : "-o names the database's " + *suffix + " file; choose another file");
+  }
+
+  try {
+    AnomalyStore store(database);
+    // The summary needs every anomaly but no payload; payloads and
+    // histories are read for the cards shown only, one card at a time. One
+    // read transaction keeps the cards the newest of the anomalies counted.
+    store.database().begin_transaction();
+    const std::vector<AnomalyRecord> all = store.summaries();
+    HtmlReport report(database, std::time(nullptr));
+    report.summarise(all);
+    const std::size_t shown = std::min(all.size(), static_cast<std::size_t>(limit));
+    if (shown > 0) {
+      AnomalyStore::Filter cards;
+      cards.limit = static_cast<long long>(shown);
+      store.visit_anomalies(cards, [&](const AnomalyRecord& anomaly) {
+        report.add_card(anomaly, store.history_of(anomaly, static_cast<int>(days)));
+      });
+    }
+    store.database().commit_transaction();
+    SafeFile::replace(*output, report.html());
+    std::cout << "Wrote " << *output << ": " << shown << " of " << all.size()
+              << (all.size() == 1 ? " anomaly" : " anomalies") << ".\n";
+  } catch (const std::exception& e) {
+    std::cerr << "tsanomalyctl report: " << ErrorText::of(e) << "\n";
+    return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,8 @@
+// tsanomalyctl upgrade: compares a database the backup product made with the
+// detector's schema and, when asked, adds the missing indexes and triggers in
+// one transaction and switches the journal to WAL. Never rewrites or drops
+// a row, a table or anyone else's index.
+#pragma once
+
+extern const char* const kUpgradeHelp;
+int run_upgrade(int argc, char** argv);

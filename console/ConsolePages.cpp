@@ -1,0 +1,261 @@
+#include "console/ConsolePages.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+
+#include "platform/LocalTime.h"
+#include "report/HtmlEscape.h"
+#include "report/HtmlReport.h"
+#include "console/UrlText.h"
+
+namespace console_pages {
+namespace {
+
+const char* const kConsoleStyle = R"(
+nav.top { display: flex; gap: 18px; align-items: baseline; flex-wrap: wrap; margin-bottom: 6px; }
+nav.top .brand { font-weight: 650; font-size: 18px; color: #1f2933; text-decoration: none; }
+nav.top a { color: #1a5fb4; }
+form.filters { display: flex; flex-wrap: wrap; gap: 10px 14px; align-items: flex-end; background: #fff;
+  border: 1px solid #e1e6ec; border-radius: 10px; padding: 12px 16px; margin: 16px 0 4px; }
+form.filters label { display: flex; flex-direction: column; font-size: 11.5px; color: #5b6573;
+  text-transform: uppercase; letter-spacing: 0.05em; }
+form.filters input, form.filters select { font: inherit; padding: 5px 8px; border: 1px solid #c9d1db;
+  border-radius: 6px; min-width: 0; }
+button { font: inherit; padding: 6px 14px; border-radius: 6px; border: 1px solid #1a5fb4; background: #1a5fb4;
+  color: #fff; cursor: pointer; }
+button.secondary { background: #fff; color: #1a5fb4; }
+table.anomalies { width: 100%; border-collapse: collapse; background: #fff; border: 1px solid #e1e6ec;
+  border-radius: 10px; overflow: hidden; margin-top: 12px; }
+table.anomalies th, table.anomalies td { text-align: left; padding: 8px 10px; border-bottom: 1px solid #eef1f4;
+  vertical-align: top; overflow-wrap: anywhere; }
+table.anomalies th { font-size: 11.5px; text-transform: uppercase; letter-spacing: 0.05em; color: #5b6573; }
+.state { display: inline-block; border-radius: 999px; padding: 1px 10px; font-size: 12.5px; white-space: nowrap; }
+.state-open { background: #fdecea; color: #8a1c14; }
+.state-false-positive-waiting { background: #fff4e5; color: #8a4b00; }
+.state-false-positive-learned { background: #e6f4ea; color: #1e6b3a; }
+.state-acknowledged { background: #e8ecf1; color: #3d4752; }
+.pager { display: flex; justify-content: space-between; margin: 12px 0; }
+.actions { display: flex; gap: 12px; flex-wrap: wrap; margin: 12px 0 16px; }
+.result { background: #e6f4ea; border: 1px solid #b7dfc3; border-radius: 8px; padding: 9px 12px; margin: 12px 0; }
+dl.figures { display: grid; grid-template-columns: repeat(auto-fit, minmax(200px, 1fr)); gap: 12px; margin: 16px 0; }
+dl.figures div { background: #fff; border: 1px solid #e1e6ec; border-radius: 10px; padding: 12px 16px; }
+dl.figures dt { font-size: 11.5px; text-transform: uppercase; letter-spacing: 0.05em; color: #5b6573; }
+dl.figures dd { margin: 2px 0 0; font-size: 24px; font-weight: 650; font-variant-numeric: tabular-nums; }
+svg.days { width: 100%; height: auto; background: #fff; border: 1px solid #e1e6ec; border-radius: 10px; }
+@media (max-width: 640px) { table.anomalies .wide { display: none; } .page { padding: 16px 10px 32px; } }
+)";
+
+std::string attr(const std::string& text) { return html_escape(text); }
+
+std::string layout(const std::string& title, const std::string& body) {
+  return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
+         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
+         "<title>" + html_escape(title) + " \xE2\x80\x93 tsanomaly console</title>\n"
+         "<link rel=\"stylesheet\" href=\"/console.css\">\n</head>\n<body>\n<div class=\"page\">\n"
+         "<nav class=\"top\"><a class=\"brand\" href=\"/\">Backup anomalies</a><a href=\"/\">Anomalies</a>"
+         "<a href=\"/status\">Status</a></nav>\n" +
+         body + "</div>\n</body>\n</html>\n";
+}
+
+std::string state_badge(AnomalyState state) {
+  const AnomalyStateInfo& info = state_info(state);
+  return std::string("<span class=\"state state-") + info.slug + "\">" + info.label + "</span>";
+}
+
+std::string tile(const std::string& kind, const std::string& label, long long value) {
+  return "<div class=\"tile " + kind + "\"><div class=\"label\">" + label + "</div><div class=\"value\">" +
+         std::to_string(value) + "</div></div>\n";
+}
+
+std::string input(const char* name, const char* label, const char* type, const std::string& value) {
+  return std::string("<label>") + label + "<input type=\"" + type + "\" name=\"" + name + "\" value=\"" +
+         attr(value) + "\"></label>";
+}
+
+std::string filter_form(const FilterForm& form) {
+  std::string out = "<form class=\"filters\" method=\"get\" action=\"/\">";
+  out += input("client", "Client", "text", form.client);
+  out += input("policy", "Policy", "text", form.policy);
+  out += input("from", "From", "date", form.from);
+  out += input("to", "To", "date", form.to);
+  out += "<label>State<select name=\"state\"><option value=\"\">any</option>";
+  for (const AnomalyStateInfo& info : kAnomalyStates) {
+    out += std::string("<option value=\"") + info.slug + "\"" + (form.state == info.slug ? " selected" : "") + ">" +
+           info.label + "</option>";
+  }
+  out += "</select></label><button type=\"submit\">Filter</button></form>\n";
+  return out;
+}
+
+std::string page_link(const FilterForm& form, long long page, const char* text) {
+  std::string query = "client=" + percent_encode(form.client) + "&policy=" + percent_encode(form.policy) +
+                      "&from=" + percent_encode(form.from) + "&to=" + percent_encode(form.to) +
+                      "&state=" + percent_encode(form.state) + "&page=" + std::to_string(page);
+  return "<a rel=\"" + std::string(page > 1 ? "next" : "prev") + "\" href=\"/?" + attr(query) + "\">" + text + "</a>";
+}
+
+std::string or_dash(const std::string& text) { return text.empty() ? "\xE2\x80\x94" : html_escape(text); }
+
+std::string anomaly_row(const ListedAnomaly& row) {
+  return "<tr data-anomaly-id=\"" + attr(row.id) + "\"><td><a class=\"anomaly-link\" href=\"" +
+         attr(anomaly_path(row.id)) + "\">" + html_escape(local_time_text(row.detection_time)) +
+         "</a></td><td class=\"client\">" + or_dash(row.client) + "</td><td class=\"wide\">" + or_dash(row.policy) +
+         "</td><td class=\"wide\">" + or_dash(row.summary) + "</td><td>" + or_dash(row.score) + "</td><td>" +
+         state_badge(row.state) + "</td></tr>\n";
+}
+
+// A verdict form: a POST to the anomaly's own action URL with the session's
+// CSRF token.
+std::string action_form(const std::string& id, const char* action, const char* label, const std::string& csrf,
+                        bool primary) {
+  return "<form method=\"post\" action=\"" + attr(anomaly_path(id) + "/" + action) +
+         "\"><input type=\"hidden\" name=\"csrf\" value=\"" + attr(csrf) + "\"><button type=\"submit\" class=\"" +
+         (primary ? "primary" : "secondary") + "\" name=\"action\" value=\"" + action + "\">" + label +
+         "</button></form>";
+}
+
+// Thirty bars, one per local day ending today.
+std::string days_chart(const std::vector<std::pair<std::string, long long>>& per_day, time_t now) {
+  constexpr int kDays = 30;
+  const std::map<std::string, long long> counts(per_day.begin(), per_day.end());
+  long long highest = 1;
+  for (const auto& [day, n] : per_day) highest = std::max(highest, n);
+  std::string bars;
+  for (int i = 0; i < kDays; ++i) {
+    const std::string day = local_time_text(now - static_cast<time_t>(kDays - 1 - i) * 86400).substr(0, 10);
+    const auto found = counts.find(day);
+    const long long n = found == counts.end() ? 0 : found->second;
+    const double height = 100.0 * static_cast<double>(n) / static_cast<double>(highest);
+    char rect[256];
+    std::snprintf(rect, sizeof rect,
+                  "<rect class=\"day\" x=\"%d\" y=\"%.1f\" width=\"16\" height=\"%.1f\" fill=\"#d93025\">", 10 + i * 20,
+                  110 - height, height);
+    bars += rect + std::string("<title>") + html_escape(day) + ": " + std::to_string(n) + "</title></rect>";
+  }
+  return "<svg class=\"days\" xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 620 130\" role=\"img\" "
+         "aria-label=\"Anomalies per day, last 30 days\"><line x1=\"6\" y1=\"110.5\" x2=\"614\" y2=\"110.5\" "
+         "stroke=\"#c9d1db\"/>" + bars + "<text x=\"10\" y=\"126\" font-size=\"11\" fill=\"#5b6573\">30 days ago"
+         "</text><text x=\"610\" y=\"126\" font-size=\"11\" fill=\"#5b6573\" text-anchor=\"end\">today</text>"
+         "<text x=\"10\" y=\"12\" font-size=\"11\" fill=\"#5b6573\">max " + std::to_string(highest) + "</text></svg>";
+}
+
+}  // namespace
+
+std::string list_page(const ListView& view) {
+  std::string body = "<header class=\"top\"><h1>Anomalies</h1><p class=\"meta\">Newest first. Open one to see its "
+                     "charts and give a verdict.</p></header>\n";
+  body += filter_form(view.form);
+  body += "<section class=\"summary\">\n";
+  body += tile("total", "Anomalies", view.totals.anomalies);
+  body += tile("clients", "Clients affected", view.totals.clients);
+  body += tile("day", "Last 24 hours", view.totals.last_day);
+  body += tile("week", "Last 7 days", view.totals.last_week);
+  body += "</section>\n";
+  if (view.rows.empty()) {
+    body += "<div class=\"empty\"><strong>No anomalies</strong>Nothing matches this filter.</div>\n";
+  } else {
+    body += "<table class=\"anomalies\"><thead><tr><th>Detected</th><th>Client</th><th class=\"wide\">Policy</th>"
+            "<th class=\"wide\">Out of range</th><th>Score</th><th>State</th></tr></thead><tbody>\n";
+    for (const ListedAnomaly& row : view.rows) body += anomaly_row(row);
+    body += "</tbody></table>\n";
+  }
+  body += "<div class=\"pager\"><span>";
+  if (view.page > 1) body += page_link(view.form, view.page - 1, "\xE2\x86\x90 Newer");
+  body += "</span><span>Page " + std::to_string(view.page) + "</span><span>";
+  if (view.has_more) body += page_link(view.form, view.page + 1, "Older \xE2\x86\x92");
+  body += "</span></div>\n";
+  return layout("Anomalies", body);
+}
+
+std::string anomaly_page(const AnomalyDetail& detail, const std::string& csrf, const std::string& result,
+                         time_t now) {
+  const AnomalyRecord& record = detail.record;
+  std::string body = "<p><a href=\"/\">\xE2\x86\x90 All anomalies</a></p>\n";
+  body += "<p class=\"current-state\">State: " + state_badge(detail.state) + "</p>\n";
+  if (!result.empty()) body += "<p class=\"result\" role=\"status\">" + html_escape(result) + "</p>\n";
+  body += "<div class=\"actions\">";
+  body += action_form(record.id, "false-positive", "Report as false positive", csrf, true);
+  body += action_form(record.id, "acknowledge", "Acknowledge", csrf, false);
+  body += "</div>\n";
+  body += "<div class=\"legend\"><span class=\"l-history\">accepted jobs of the workload</span>"
+          "<span class=\"l-band\">usual range of the most similar jobs</span>"
+          "<span class=\"l-job\">the anomalous job</span></div>\n";
+  body += HtmlReport::card(record, detail.history, now);
+  return layout("Anomaly " + record.id, body);
+}
+
+namespace {
+
+// The pending jobs the next pass would leave pending, with what changes it.
+std::string unjudgeable_section(const StatusFigures& figures) {
+  if (!figures.unjudgeable) return "";
+  const UnjudgeableCount& u = *figures.unjudgeable;
+  std::string out = "<h2>Jobs the next pass cannot judge</h2><dl class=\"figures\">";
+  out += "<div data-figure=\"unjudgeable\"><dt>Cannot be judged</dt><dd>" + std::to_string(u.total()) + "</dd></div>";
+  out += "<div data-figure=\"unequal-features\"><dt>Unequal feature sets</dt><dd>" +
+         std::to_string(u.unequal_features) + "</dd></div>";
+  out += "<div data-figure=\"features-disabled\"><dt>Every feature disabled</dt><dd>" +
+         std::to_string(u.features_disabled) + "</dd></div></dl>\n";
+  if (u.unequal_features > 0) {
+    out += "<p class=\"note\">Jobs of workloads that moved storage: set [ANOMALY_MODEL_SETTINGS] "
+           "JUDGE_ON_FALLBACK_FEATURES=1 to judge them on the two features of their history across storages.</p>\n";
+  }
+  if (u.features_disabled > 0) {
+    out += "<p class=\"note\">See [DISABLE_FEATURE_PER_POLICY_TYPE] in the configuration.</p>\n";
+  }
+  return out;
+}
+
+// Each alert channel's deliveries.
+std::string alerts_section(const StatusFigures& figures) {
+  if (figures.alert_channels.empty()) return "";
+  std::string out = "<h2>Alerts</h2><table class=\"alerts\"><tr><th>Channel</th><th>Delivered</th><th>Failing</th>"
+                    "<th>Given up</th><th>Oldest undelivered</th></tr>";
+  for (const ChannelFigures& c : figures.alert_channels) {
+    out += "<tr data-channel=\"" + html_escape(c.channel) + "\"><td>" + html_escape(c.channel) + "</td><td>" +
+           std::to_string(c.delivered) + "</td><td>" + std::to_string(c.failing) + "</td><td>" +
+           std::to_string(c.given_up) + "</td><td>" +
+           (c.oldest_undelivered_age ? std::to_string(*c.oldest_undelivered_age) + " s" : std::string("-")) +
+           "</td></tr>";
+  }
+  return out + "</table>\n";
+}
+
+}  // namespace
+
+std::string status_page(const StatusFigures& figures, const std::vector<std::pair<std::string, long long>>& per_day,
+                        time_t now) {
+  const auto figure = [](const char* name, const char* label, long long value) {
+    return std::string("<div data-figure=\"") + name + "\"><dt>" + label + "</dt><dd>" + std::to_string(value) +
+           "</dd></div>";
+  };
+  std::string body = "<header class=\"top\"><h1>Status</h1><p class=\"meta\">Newest detection: " +
+                     (figures.newest_detection > 0 ? html_escape(local_time_text(figures.newest_detection))
+                                                   : std::string("none yet")) +
+                     "</p></header>\n<h2>Queue</h2><dl class=\"figures\">";
+  body += figure("pending", "Pending jobs", figures.pending);
+  body += figure("awaiting-verdict", "Reported, awaiting verdict", figures.awaiting_verdict);
+  body += "</dl>\n<h2>Detector</h2><p class=\"meta\">History counted " +
+          html_escape(local_time_text(figures.history_counted)) + " (every minute).</p><dl class=\"figures\">";
+  body += figure("history-rows", "History rows", figures.history_rows);
+  body += figure("workloads", "Workloads", figures.workloads);
+  body += figure("models", "Calibrated models", figures.models);
+  body += "</dl>\n<h2>Anomalies</h2><dl class=\"figures\">";
+  body += figure("anomalies", "All anomalies", figures.anomalies);
+  for (const AnomalyStateInfo& info : kAnomalyStates) {
+    body += figure(info.slug, info.label, figures.by_state[static_cast<int>(info.state)]);
+  }
+  body += "</dl>\n" + unjudgeable_section(figures) + alerts_section(figures);
+  body += "<h2>Anomalies per day, last 30 days</h2>\n" + days_chart(per_day, now) + "\n";
+  return layout("Status", body);
+}
+
+std::string message_page(const std::string& title, const std::string& text) {
+  return layout(title, "<div class=\"empty\"><strong>" + html_escape(title) + "</strong>" + html_escape(text) +
+                           "</div>\n");
+}
+
+std::string stylesheet() { return std::string(HtmlReport::stylesheet()) + kConsoleStyle; }
+
+}  // namespace console_pages

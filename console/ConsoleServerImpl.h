@@ -1,0 +1,71 @@
+// ConsoleServer::Impl: the console's server state, shared by its units:
+// ConsoleServer.cpp (the server, its admission checks, binding) and
+// ConsoleRoutes.cpp (the pages, the API and their handlers). Private to them.
+#pragma once
+
+#include <httplib.h>
+
+#include <chrono>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "replay/UnjudgeableJobs.h"
+#include "console/ConsoleRequest.h"
+#include "console/ConsoleServer.h"
+#include "console/ConsoleStore.h"
+#include "console/HistoryTally.h"
+#include "console/SessionTable.h"
+
+namespace console_server {
+
+constexpr const char* kSessionCookie = "tsanomaly_session";
+constexpr long long kPageSize = 50;
+constexpr long long kMaxApiLimit = 500;
+constexpr long long kMaxOffset = 1000000000;
+constexpr int kChartDays = 180;
+constexpr std::chrono::seconds kHistoryRecount{60};
+
+}  // namespace console_server
+
+struct ConsoleServer::Impl {
+  ConsoleConfig config;
+  ConsoleStore store;
+  HistoryTally history;
+  SessionTable sessions;
+  std::unique_ptr<httplib::Server> server;
+  std::set<std::string> allowed_hosts;
+  int bound_port = 0;
+
+  explicit Impl(ConsoleConfig c)
+      : config(std::move(c)), store(config.database), history([this] { return store.history_counts(); },
+                                                              console_server::kHistoryRecount) {}
+
+  StatusFigures status(bool with_unjudgeable = false) const {
+    StatusFigures figures = store.status();
+    if (with_unjudgeable) {
+      ReplaySettings settings;
+      settings.config_file = config.config_file;
+      figures.unjudgeable = count_unjudgeable_jobs(config.database, settings);
+    }
+    const HistoryTally::Counts counts = history.latest();
+    figures.history_rows = counts.rows;
+    figures.workloads = counts.workloads;
+    figures.history_counted = counts.taken;
+    return figures;
+  }
+
+  bool tls() const { return config.tls_cert.has_value(); }
+  std::string scheme() const { return tls() ? "https" : "http"; }
+
+  void make_server();
+  bool same_origin(const httplib::Request& req) const;
+  void routes();
+  httplib::Server::HandlerResponse admit(const httplib::Request& req, httplib::Response& res);
+  bool authorised(const httplib::Request& req, httplib::Response& res);
+  void require_csrf(const httplib::Request& req);
+  void verdict_form(const httplib::Request& req, httplib::Response& res);
+  void verdict_api(const httplib::Request& req, httplib::Response& res);
+  VerdictOutcome apply(const std::string& id, const std::string& action);
+  void method_not_allowed(const httplib::Request& req, httplib::Response& res);
+};

@@ -1,0 +1,205 @@
+#include "console/ConsoleStore.h"
+
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <limits>
+#include <variant>
+
+#include "schema/ConsoleSql.h"
+#include "storage/Statement.h"
+#include "util/Text.h"
+
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::RecordCursor;
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
+
+namespace {
+
+using Bound = std::variant<std::string, double>;
+
+// A statement with values bound to ?1, ?2, ... in order.
+struct Prepared : Statement {
+  Prepared(DBAccess& db, const std::string& sql, const std::vector<Bound>& values) : Statement(db.handle, sql) {
+    int index = 1;
+    for (const Bound& value : values) {
+      std::visit([&](const auto& v) { bind(index, v); }, value);
+      ++index;
+    }
+  }
+};
+
+long long integer(const char* text) { return std::strtoll(text, nullptr, 10); }
+
+// The one number a query yields in its first column (0 for no row).
+long long single_number(DBAccess& db, const std::string& sql, const std::vector<Bound>& values = {}) {
+  Prepared st(db, sql, values);
+  long long n = 0;
+  db.visit_records_prepared(st, [&](const RecordCursor& cursor) { n = integer(cursor.text(0)); });
+  return n;
+}
+
+// ?1 to ?5 of console_sql::list_filter.
+std::vector<Bound> filter_values(const ListQuery& query) {
+  const double to = query.to > 0 ? static_cast<double>(query.to) : std::numeric_limits<double>::max();
+  return {text::to_lower(query.client), text::to_lower(query.policy), static_cast<double>(query.from), to,
+          static_cast<double>(query.state ? static_cast<int>(*query.state) : -1)};
+}
+
+// The connection a verdict is written on: it waits for the detector's lock
+// rather than failing at once, and takes the write lock before reading the
+// state it decides on, so no pass can change that state in between.
+class VerdictTransaction {
+ public:
+  explicit VerdictTransaction(const std::string& path) : db_(path, SQLITE_OPEN_READWRITE) {
+    db_.set_busy_timeout(ConsoleStore::kBusyTimeoutMs);
+    db_.execute_query("BEGIN IMMEDIATE");
+  }
+  ~VerdictTransaction() {
+    if (!committed_) {
+      try {
+        db_.execute_query("ROLLBACK");
+      } catch (...) {
+        // The connection closes next, which rolls back as well.
+      }
+    }
+  }
+  // The anomaly's state and its job's key, or none for an unknown id.
+  std::optional<std::pair<AnomalyState, std::string>> state_of(const std::string& id) {
+    Prepared st(db_, console_sql::kStateById, {id});
+    std::optional<std::pair<AnomalyState, std::string>> found;
+    db_.visit_records_prepared(st, [&](const RecordCursor& cursor) {
+      found.emplace(state_from_number(integer(cursor.text(0))), cursor.text(1));
+    });
+    return found;
+  }
+  void run(const char* sql, const std::string& id) {
+    Prepared st(db_, sql, {id});
+    db_.execute_query_prepared(st);
+  }
+  bool job_queued(const std::string& key) { return single_number(db_, console_sql::kJobQueued, {key}) != 0; }
+  void commit() {
+    db_.execute_query("COMMIT");
+    committed_ = true;
+  }
+
+ private:
+  DBAccess db_;
+  bool committed_ = false;
+};
+
+}  // namespace
+
+ConsoleStore::ConsoleStore(std::string path) : path_(std::move(path)) { AnomalyStore check(path_); }
+
+std::vector<ListedAnomaly> ConsoleStore::list(const ListQuery& query) const {
+  AnomalyStore store(path_);
+  std::vector<Bound> values = filter_values(query);
+  values.emplace_back(static_cast<double>(query.limit));
+  values.emplace_back(static_cast<double>(query.offset));
+  Prepared st(store.database(), console_sql::kListPage, values);
+  std::vector<ListedAnomaly> page;
+  store.database().visit_records_prepared(st, [&](const RecordCursor& cursor) {
+    ListedAnomaly& row = page.emplace_back();
+    row.id = cursor.text(0);
+    row.client = cursor.text(1);
+    row.detection_time = static_cast<time_t>(integer(cursor.text(2)));
+    row.policy = cursor.text(3);
+    row.summary = cursor.text(4);
+    row.score = cursor.text(5);
+    row.state = state_from_number(integer(cursor.text(6)));
+  });
+  return page;
+}
+
+ListTotals ConsoleStore::totals(const ListQuery& query, time_t now) const {
+  AnomalyStore store(path_);
+  std::vector<Bound> values = filter_values(query);
+  values.emplace_back(static_cast<double>(now - 86400));
+  values.emplace_back(static_cast<double>(now - 7 * 86400));
+  Prepared st(store.database(), console_sql::kListTotals, values);
+  ListTotals totals;
+  store.database().visit_records_prepared(st, [&](const RecordCursor& cursor) {
+    totals = {integer(cursor.text(0)), integer(cursor.text(1)), integer(cursor.text(2)), integer(cursor.text(3))};
+  });
+  return totals;
+}
+
+std::optional<AnomalyDetail> ConsoleStore::detail(const std::string& id, int days) const {
+  AnomalyStore store(path_);
+  // One read transaction: the state, the record and the history agree.
+  store.database().begin_transaction();
+  std::optional<AnomalyDetail> detail;
+  if (auto record = store.find(id)) {
+    detail.emplace();
+    detail->history = store.history_of(*record, days);
+    detail->record = std::move(*record);
+    Prepared st(store.database(), console_sql::kStateById, {id});
+    store.database().visit_records_prepared(
+        st, [&](const RecordCursor& cursor) { detail->state = state_from_number(integer(cursor.text(0))); });
+  }
+  store.database().commit_transaction();
+  return detail;
+}
+
+StatusFigures ConsoleStore::status() const {
+  AnomalyStore store(path_);
+  DBAccess& db = store.database();
+  db.begin_transaction();
+  StatusFigures figures;
+  figures.pending = single_number(db, console_sql::kPendingJobs);
+  figures.awaiting_verdict = single_number(db, console_sql::kAwaitingVerdict);
+  figures.models = single_number(db, console_sql::kCalibratedModels);
+  figures.newest_detection = static_cast<time_t>(single_number(db, console_sql::kNewestDetection));
+  Statement st(db.handle, console_sql::kAnomaliesByState);
+  db.visit_records_prepared(st, [&](const RecordCursor& cursor) {
+    const long long n = integer(cursor.text(1));
+    figures.by_state[static_cast<int>(state_from_number(integer(cursor.text(0))))] += n;
+    figures.anomalies += n;
+  });
+  figures.alert_channels = alert_channel_figures(db, std::time(nullptr));
+  db.commit_transaction();
+  return figures;
+}
+
+HistoryTally::Counts ConsoleStore::history_counts() const {
+  AnomalyStore store(path_);
+  DBAccess& db = store.database();
+  db.begin_transaction();
+  HistoryTally::Counts counts;
+  counts.taken = std::time(nullptr);
+  counts.rows = single_number(db, console_sql::kHistoryRows);
+  counts.workloads = single_number(db, console_sql::kWorkloads);
+  db.commit_transaction();
+  return counts;
+}
+
+std::vector<std::pair<std::string, long long>> ConsoleStore::per_day(time_t since) const {
+  AnomalyStore store(path_);
+  Prepared st(store.database(), console_sql::kAnomaliesPerDay, {static_cast<double>(since)});
+  std::vector<std::pair<std::string, long long>> days;
+  store.database().visit_records_prepared(
+      st, [&](const RecordCursor& cursor) { days.emplace_back(cursor.text(0), integer(cursor.text(1))); });
+  return days;
+}
+
+// Both verdicts take an open anomaly only: the same verdict again changes
+// nothing, the other one conflicts. A false positive also needs its job
+// still queued, where the next pass looks for it.
+VerdictOutcome ConsoleStore::give_verdict(const std::string& id, bool false_positive) const {
+  VerdictTransaction transaction(path_);
+  const auto found = transaction.state_of(id);
+  if (!found) return VerdictOutcome::unknown;
+  if (found->first != AnomalyState::open) {
+    const bool is_false_positive = found->first != AnomalyState::acknowledged;
+    return is_false_positive == false_positive ? VerdictOutcome::already : VerdictOutcome::conflict;
+  }
+  if (false_positive && !transaction.job_queued(found->second)) return VerdictOutcome::job_gone;
+  transaction.run(false_positive ? console_sql::kInsertFalsePositive : console_sql::kAcknowledge, id);
+  transaction.commit();
+  return VerdictOutcome::recorded;
+}
+
+VerdictOutcome ConsoleStore::report_false_positive(const std::string& id) const { return give_verdict(id, true); }
+
+VerdictOutcome ConsoleStore::acknowledge(const std::string& id) const { return give_verdict(id, false); }

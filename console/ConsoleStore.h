@@ -1,0 +1,97 @@
+// ConsoleStore: what the operator console reads from and writes to the
+// detector's database. Every call opens its own connection (the server
+// answers requests on several threads), reads on a read-only one, and
+// writes a verdict in one short BEGIN IMMEDIATE transaction that waits for
+// the detector's lock up to a busy timeout. Failures are thrown as
+// std::runtime_error or sqlite_exception; an unknown id is not a failure.
+#pragma once
+
+#include <array>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "operator/AnomalyStore.h"
+#include "replay/UnjudgeableJobs.h"
+#include "operator/AlertFigures.h"
+#include "operator/AnomalyState.h"
+#include "console/HistoryTally.h"
+
+struct ListQuery {
+  std::string client;   // exact, letter case ignored; empty for any
+  std::string policy;   // exact, letter case ignored; empty for any
+  time_t from = 0;      // detection time at or after
+  time_t to = 0;        // detection time before; 0 for no end
+  std::optional<AnomalyState> state;
+  long long limit = 50;
+  long long offset = 0;
+};
+
+struct ListedAnomaly {
+  std::string id, client, policy, summary, score;
+  time_t detection_time = 0;
+  AnomalyState state = AnomalyState::open;
+};
+
+// The tiles above the list, for the anomalies the filter selects.
+struct ListTotals {
+  long long anomalies = 0, clients = 0, last_day = 0, last_week = 0;
+};
+
+struct AnomalyDetail {
+  AnomalyRecord record;
+  WorkloadHistory history;
+  AnomalyState state = AnomalyState::open;
+};
+
+// The queue, the history and the models, and the anomalies by state.
+struct StatusFigures {
+  long long pending = 0, awaiting_verdict = 0, history_rows = 0, workloads = 0, models = 0;
+  time_t history_counted = 0;  // when history_rows and workloads were counted
+  std::array<long long, kAnomalyStateCount> by_state{};
+  long long anomalies = 0;
+  time_t newest_detection = 0;  // 0 when there is none
+  std::vector<ChannelFigures> alert_channels;  // empty without alert tables
+  // The pending jobs the next pass cannot judge; on the status page and in
+  // the status API only (it replays jobs, too slow for every scrape).
+  std::optional<UnjudgeableCount> unjudgeable;
+};
+
+enum class VerdictOutcome {
+  recorded,        // written now
+  already,         // the anomaly already had this verdict: nothing written
+  unknown,         // no such anomaly
+  conflict,        // the anomaly has the other verdict
+  job_gone,        // false positive refused: the job left the queue, no pass could learn it
+};
+
+class ConsoleStore {
+ public:
+  // Checks once that path is a readable detector database (see AnomalyStore).
+  explicit ConsoleStore(std::string path);
+
+  std::vector<ListedAnomaly> list(const ListQuery& query) const;
+  ListTotals totals(const ListQuery& query, time_t now) const;
+  // With days, the workload history of that many days before the job.
+  std::optional<AnomalyDetail> detail(const std::string& id, int days) const;
+  // Every figure but the history's two, which history_counts() gives.
+  StatusFigures status() const;
+  // The history's rows and distinct workloads: a pass over the whole table.
+  HistoryTally::Counts history_counts() const;
+  // Anomalies per local day, oldest first, from since on: (YYYY-MM-DD, count),
+  // days without anomalies left out.
+  std::vector<std::pair<std::string, long long>> per_day(time_t since) const;
+
+  VerdictOutcome report_false_positive(const std::string& id) const;
+  VerdictOutcome acknowledge(const std::string& id) const;
+
+  // How long a verdict waits for the detector's write lock.
+  static constexpr int kBusyTimeoutMs = 10000;
+
+ private:
+  VerdictOutcome give_verdict(const std::string& id, bool false_positive) const;
+
+  std::string path_;
+};

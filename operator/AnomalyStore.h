@@ -1,0 +1,78 @@
+// AnomalyStore: the operator tool's read-only view of reported anomalies and
+// of the workload history behind them, straight from the detector's
+// database. Used by the listing, the feedback command and the HTML report.
+#pragma once
+
+#include <array>
+#include <ctime>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "contract/Features.h"
+#include "storage/DBAccess.h"
+
+struct AnomalyRecord {
+  std::string id;             // ANOMALY_UNIQUE_ID
+  std::string client;
+  std::string policy;
+  std::string policy_type;
+  std::string schedule_name;
+  std::string storage_name;
+  time_t detection_time = 0;
+  std::string summary;        // e.g. "Anomaly image size,Backup files count"
+  std::string score;          // distance to the nearest cluster, 2 decimals
+  std::string detection_key;  // UNIQUE_KEY of the job in DATA_TO_PROCESS
+  std::string payload;        // the JSON document as stored
+  // Attribute texts of the payload by member name ("anomalyImageSize", ...);
+  // only the attributes that left their range are present.
+  std::vector<std::pair<std::string, std::string>> attributes;
+};
+
+// One job of a workload, for charts: its features in the stored unit, by
+// matrix column (Feature).
+struct HistoryPoint {
+  time_t backup_time = 0;
+  std::array<double, kFeatureCount> features{};
+};
+
+struct WorkloadHistory {
+  bool job_found = false;  // false once the job has left the queue
+  HistoryPoint job;        // the anomalous job itself
+  std::vector<HistoryPoint> history;  // its workload's accepted jobs, oldest first
+};
+
+class AnomalyStore {
+ public:
+  struct Filter {
+    std::optional<std::string> client;  // exact, case-insensitive
+    std::optional<time_t> since;        // detection time at or after
+    std::optional<long long> limit;
+  };
+
+  // Opens an existing database read-only; throws std::runtime_error with a
+  // message for the operator when the file is missing or not a detector
+  // database.
+  explicit AnomalyStore(const std::string& path);
+
+  // Newest first.
+  std::vector<AnomalyRecord> anomalies(const Filter& filter) const;
+  // The same records handed to visit one at a time, none kept: for readers
+  // of large payloads.
+  void visit_anomalies(const Filter& filter, const std::function<void(const AnomalyRecord&)>& visit) const;
+  // Every anomaly, newest first, with its id, client, detection time and
+  // summary only: the payloads are read one at a time inside SQLite and never
+  // held, so a summary of thousands of large payloads stays small.
+  std::vector<AnomalyRecord> summaries() const;
+  std::optional<AnomalyRecord> find(const std::string& id) const;
+  // The queued job an anomaly was reported for and the history of its
+  // workload (same client, policy, schedule, application, storage, asset);
+  // with days, only the history of that many days before the job.
+  WorkloadHistory history_of(const AnomalyRecord& anomaly, std::optional<int> days = std::nullopt) const;
+
+  Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess& database() { return db_; }
+
+ private:
+  mutable Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess db_;
+};
