@@ -8,35 +8,13 @@
 #include <stdexcept>
 #include <utility>
 
+#include "model/SquaredDistance.h"
+
 namespace {
 
 constexpr const char* kUnequalRows = DBScan::kUnequalRowsMessage;
 constexpr double kNotComputed = -1.0;
 constexpr double kNoClusterDistance = 2147483647.0;
-
-// Summed strictly in feature order, so a cached distance is bit-identical to
-// what GetEuclideanDistance returns for the same two rows.
-double euclidean(const double* a, const double* b, std::size_t width) {
-  double sum = 0.0;
-  for (std::size_t i = 0; i < width; ++i) {
-    const double x = b[i] - a[i];
-    sum += x * x;
-  }
-  return std::sqrt(sum);
-}
-
-// The least square whose root is not below eps, so that for every sum of
-// squares s, eps > std::sqrt(s) exactly when s < it: a correctly rounded
-// root never decreases. -inf when no root is below eps (eps not above 0, or
-// NaN).
-double least_square_reaching(double eps) {
-  constexpr double kInf = std::numeric_limits<double>::infinity();
-  if (!(eps > 0.0)) return -kInf;
-  double square = eps * eps;
-  while (square > 0.0 && std::sqrt(std::nextafter(square, 0.0)) >= eps) square = std::nextafter(square, 0.0);
-  while (!(std::sqrt(square) >= eps)) square = std::nextafter(square, kInf);
-  return square;
-}
 
 }  // namespace
 
@@ -127,7 +105,7 @@ class DBScan::DistanceMatrix {
   // with zeros to whole blocks.
   static constexpr std::size_t kBlock = 4;
 
-  // Summed in feature order as euclidean sums, the other row first.
+  // Summed in feature order as squared_euclidean sums, the other row first.
   double squared_distance(std::size_t r, std::size_t j) const {
     double sum = 0.0;
     for (std::size_t f = 0; f < width; ++f) {
@@ -302,7 +280,7 @@ double DBScan::get_cached_distance(int i, int j) const {
 
 double DBScan::GetEuclideanDistance(const std::vector<double>& a, const std::vector<double>& b) {
   if (a.size() != b.size()) throw std::runtime_error(kUnequalRows);
-  return euclidean(a.data(), b.data(), a.size());
+  return std::sqrt(squared_euclidean(a.data(), b.data(), a.size()));
 }
 
 std::vector<double> DBScan::GetRowFromRowID(const Observations& obs, int row_id) {

@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "model/SquaredDistance.h"
+
 // Why no clusterer is needed: whether a row ends as noise after a completed
 // run does not depend on the order in which the rows are visited. A row is
 // noise exactly when it is not a core row and no core row lies strictly
@@ -130,12 +132,9 @@ double squared_core_radius(const FeatureColumns& rows, std::size_t i, std::size_
 }
 
 // The largest squared distance whose root is below the first grid value:
-// std::sqrt(d) < kFirstEps exactly when d <= it, as a correctly rounded
-// root never decreases.
+// std::sqrt(d) < kFirstEps exactly when d <= it.
 double largest_square_within_first_try() {
-  double square = EpsCalibrator::kFirstEps * EpsCalibrator::kFirstEps;
-  while (!(std::sqrt(square) < EpsCalibrator::kFirstEps)) square = std::nextafter(square, 0.0);
-  return square;
+  return std::nextafter(least_square_reaching(EpsCalibrator::kFirstEps), 0.0);
 }
 
 // Sets each row's position along a Z-order (Morton) curve: the features,
@@ -212,15 +211,7 @@ bool noise_free_at_first_try(const FeatureColumns& rows, std::size_t others_need
     std::size_t near = 0;
     for (std::size_t q = first; q < end && near < others_needed; ++q) {
       if (q == p) continue;
-      // Added up as squared_distances_from adds it (the order of the two
-      // rows does not matter: negating a difference is exact).
-      const double* other = sorted.data() + q * width;
-      double sum = 0.0;
-      for (std::size_t f = 0; f < width; ++f) {
-        const double x = own[f] - other[f];
-        sum += x * x;
-      }
-      if (sum <= largest_within_first_try) ++near;
+      if (squared_euclidean(sorted.data() + q * width, own, width) <= largest_within_first_try) ++near;
     }
     if (near == others_needed) {
       core[order[p].second] = 1;
