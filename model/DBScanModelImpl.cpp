@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <memory>
 #include <stdexcept>
 #include <utility>
 
+#include "model/FeatureColumns.h"
 #include "model/SquaredDistance.h"
 
 namespace {
@@ -39,11 +39,7 @@ constexpr double kNoClusterDistance = 2147483647.0;
 class DBScan::DistanceMatrix {
  public:
   explicit DistanceMatrix(int n)
-      : side(static_cast<std::size_t>(std::max(n, 0))),
-        stride((side + kBlock - 1) / kBlock * kBlock),
-        computed(side, 0),
-        uncomputed(side),
-        scratch(stride) {}
+      : side(static_cast<std::size_t>(std::max(n, 0))), computed(side, 0), uncomputed(side) {}
 
   int size() const { return static_cast<int>(side); }
 
@@ -51,25 +47,10 @@ class DBScan::DistanceMatrix {
   // computed. Rows of unequal length are only noted here; computing a pair
   // throws.
   void load_rows(const Observations& obs) {
-    std::vector<double> loaded;
-    bool loaded_uneven = false;
-    const std::size_t loaded_width = side > 0 ? obs.data[0].size() : 0;
-    loaded.assign(stride * loaded_width, 0.0);
-    for (std::size_t i = 0; i < side && !loaded_uneven; ++i) {
-      const std::vector<double>& row = obs.data[i];
-      if (row.size() != loaded_width) {
-        loaded_uneven = true;
-        loaded.clear();
-        break;
-      }
-      for (std::size_t f = 0; f < loaded_width; ++f) loaded[f * stride + i] = row[f];
-    }
-    const bool same = !loaded_uneven && !uneven && loaded.size() == columns.size() &&
-                      (loaded.empty() || std::memcmp(loaded.data(), columns.data(), loaded.size() * sizeof(double)) == 0);
-    if (!table && uncomputed < side && !same) keep_computed_rows();
+    FeatureColumns loaded(obs);
+    if (!table && uncomputed < side && !loaded.same_values(columns)) keep_computed_rows();
     columns = std::move(loaded);
-    width = loaded_width;
-    uneven = loaded_uneven;
+    scratch.resize(columns.padded_rows());
   }
 
   // Squared distances from 0-based row r to every row, the diagonal entry
@@ -79,13 +60,13 @@ class DBScan::DistanceMatrix {
     if (!computed[own]) {
       // With rows of unequal length every row has a partner of another
       // length, so the first pair to compute fails.
-      if (uneven && uncomputed > 1) throw std::runtime_error(kUnequalRows);
+      if (columns.uneven() && uncomputed > 1) throw std::runtime_error(kUnequalRows);
       if (table) fill_table_row(own);
       computed[own] = 1;
       --uncomputed;
     }
     if (table) return table.get() + own * side;
-    compute_row(own, scratch.data());
+    columns.squared_distances_from(own, scratch.data());
     scratch[own] = kNotComputed;
     return scratch.data();
   }
@@ -95,49 +76,17 @@ class DBScan::DistanceMatrix {
     const std::size_t a = static_cast<std::size_t>(i);
     const std::size_t b = static_cast<std::size_t>(j);
     if (!computed[a] && !computed[b]) return kNotComputed;
-    if (!table) return std::sqrt(squared_distance(a, b));
+    if (!table) return std::sqrt(columns.squared_distance(a, b));
     return std::sqrt(computed[a] ? table[a * side + b] : table[b * side + a]);
   }
 
  private:
-  // Rows are computed kBlock at a time: a fixed-size block is what the
-  // compiler turns into vector instructions at -O2. The columns are padded
-  // with zeros to whole blocks.
-  static constexpr std::size_t kBlock = 4;
-
-  // Summed in feature order as squared_euclidean sums, the other row first.
-  double squared_distance(std::size_t r, std::size_t j) const {
-    double sum = 0.0;
-    for (std::size_t f = 0; f < width; ++f) {
-      const double x = columns[f * stride + r] - columns[f * stride + j];
-      sum += x * x;
-    }
-    return sum;
-  }
-
-  // Row r's squared distance to every row (own entry 0.0) into out, which
-  // holds stride values.
-  void compute_row(std::size_t r, double* out) const {
-    for (std::size_t block = 0; block < stride; block += kBlock) {
-      double sums[kBlock] = {};
-      for (std::size_t f = 0; f < width; ++f) {
-        const double own = columns[f * stride + r];
-        const double* const others = columns.data() + f * stride + block;
-        for (std::size_t k = 0; k < kBlock; ++k) {
-          const double x = own - others[k];
-          sums[k] += x * x;
-        }
-      }
-      for (std::size_t k = 0; k < kBlock; ++k) out[block + k] = sums[k];
-    }
-  }
-
   // Writes every computed row into a new table, from the rows loaded now.
   void keep_computed_rows() {
     table = std::make_unique_for_overwrite<double[]>(side * side);
     for (std::size_t r = 0; r < side; ++r) {
       if (!computed[r]) continue;
-      compute_row(r, scratch.data());
+      columns.squared_distances_from(r, scratch.data());
       double* out = table.get() + r * side;
       std::copy(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(side), out);
       out[r] = kNotComputed;
@@ -147,21 +96,17 @@ class DBScan::DistanceMatrix {
   void fill_table_row(std::size_t r) {
     double* out = table.get() + r * side;
     for (std::size_t j = 0; j < side; ++j) {
-      out[j] = computed[j] ? table[j * side + r] : squared_distance(r, j);
+      out[j] = computed[j] ? table[j * side + r] : columns.squared_distance(r, j);
     }
     out[r] = kNotComputed;
   }
 
   std::size_t side;
-  std::size_t stride;  // side rounded up to whole blocks
   std::vector<unsigned char> computed;
-  std::size_t uncomputed;              // rows not computed yet
-  std::vector<double> scratch;         // the row last computed, stride values
-  std::unique_ptr<double[]> table;     // n x n, once other rows were loaded
-
-  std::vector<double> columns;  // feature f of row j at f * stride + j
-  std::size_t width = 0;
-  bool uneven = false;
+  std::size_t uncomputed;           // rows not computed yet
+  std::vector<double> scratch;      // the row last computed, padded_rows() values
+  std::unique_ptr<double[]> table;  // n x n, once other rows were loaded
+  FeatureColumns columns;
 };
 
 DBScan::DBScan(double eps, int min_samples, int run_mode)

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "model/FeatureColumns.h"
 #include "model/SquaredDistance.h"
 
 // Why no clusterer is needed: whether a row ends as noise after a completed
@@ -36,75 +37,16 @@
 namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
-constexpr const char* kUnequalRows = DBScan::kUnequalRowsMessage;
 
-// The first obs.num_observations rows, stored feature by feature: the
-// distances from one row to all others then come from loops over contiguous
-// memory that the compiler vectorises.
-class FeatureColumns {
- public:
-  explicit FeatureColumns(const Observations& obs);
-
-  std::size_t rows() const { return n; }
-  std::size_t features() const { return width; }
-  double value(std::size_t row, std::size_t feature) const { return values[feature * stride + row]; }
-  bool all_finite() const { return finite; }
-
-  // Sum of squared differences from row i to every row, added up in feature
-  // order exactly as the clusterer does. A NaN sum becomes +inf: such a pair
-  // is never within eps either, and NaN would break the ordering that
-  // selection relies on. Row i's own entry is +inf as well, so that it never
-  // counts as one of its other rows.
-  void squared_distances_from(std::size_t i, std::vector<double>& out) const;
-
- private:
-  // Rows are handled kBlock at a time: a fixed-size block is what the
-  // compiler turns into vector instructions at -O2. Zero rows pad the last
-  // block; their sums are dropped.
-  static constexpr std::size_t kBlock = 4;
-
-  std::size_t n;
-  std::size_t stride;  // n rounded up to whole blocks
-  std::size_t width;
-  std::vector<double> values;  // feature f of row j at f * stride + j
-  bool finite = true;          // no NaN or infinite feature
-};
-
-FeatureColumns::FeatureColumns(const Observations& obs)
-    : n(static_cast<std::size_t>(std::max(obs.num_observations, 0))),
-      stride((n + kBlock - 1) / kBlock * kBlock),
-      width(n > 0 ? obs.data[0].size() : 0),
-      values(stride * width, 0.0) {
-  for (std::size_t j = 0; j < n; ++j) {
-    const std::vector<double>& row = obs.data[j];
-    // Two rows are enough for the clusterer to compute a pair, and a pair
-    // of unequal rows makes it throw.
-    if (row.size() != width) throw std::runtime_error(kUnequalRows);
-    for (std::size_t f = 0; f < width; ++f) {
-      values[f * stride + j] = row[f];
-      finite = finite && std::isfinite(row[f]);
-    }
-  }
-}
-
-
-void FeatureColumns::squared_distances_from(std::size_t i, std::vector<double>& out) const {
-  out.resize(stride);
-  for (std::size_t block = 0; block < stride; block += kBlock) {
-    double sums[kBlock] = {};
-    for (std::size_t f = 0; f < width; ++f) {
-      const double own = values[f * stride + i];
-      const double* const others = values.data() + f * stride + block;
-      for (std::size_t k = 0; k < kBlock; ++k) {
-        // The clusterer may subtract the other way round; negating is exact,
-        // so the square is the same.
-        const double x = own - others[k];
-        sums[k] += x * x;
-      }
-    }
-    for (std::size_t k = 0; k < kBlock; ++k) out[block + k] = sums[k] <= kInf ? sums[k] : kInf;
-  }
-  out.resize(n);
+// Sum of squared differences from row i to every row, as the clusterer adds
+// it up. A NaN sum becomes +inf: such a pair is never within eps either, and
+// NaN would break the ordering that selection relies on. Row i's own entry is
+// +inf as well, so that it never counts as one of its other rows.
+void squared_distances_from(const FeatureColumns& rows, std::size_t i, std::vector<double>& out) {
+  out.resize(rows.padded_rows());
+  rows.squared_distances_from(i, out.data());
+  out.resize(rows.rows());
+  for (double& d : out) d = d <= kInf ? d : kInf;
   out[i] = kInf;
 }
 
@@ -127,7 +69,7 @@ double kth_smallest(const std::vector<double>& values, std::size_t k, std::vecto
 // distance to another row.
 double squared_core_radius(const FeatureColumns& rows, std::size_t i, std::size_t others_needed,
                            std::vector<double>& distances, std::vector<double>& heap) {
-  rows.squared_distances_from(i, distances);
+  squared_distances_from(rows, i, distances);
   return kth_smallest(distances, others_needed, heap);
 }
 
@@ -233,7 +175,7 @@ bool noise_free_at_first_try(const FeatureColumns& rows, std::size_t others_need
     }
   }
   for (const std::size_t i : not_core) {
-    rows.squared_distances_from(i, distances);  // row i's own entry is +inf
+    squared_distances_from(rows, i, distances);  // row i's own entry is +inf
     bool border = false;
     for (std::size_t j = 0; j < n && !border; ++j) border = core[j] && distances[j] <= largest_within_first_try;
     if (!border) return false;
@@ -269,7 +211,7 @@ double largest_squared_reach(const FeatureColumns& rows, const std::vector<doubl
   std::vector<double> distances;
   for (const std::size_t i : order) {
     if (core[i] <= largest) break;
-    rows.squared_distances_from(i, distances);
+    squared_distances_from(rows, i, distances);
     double reach = core[i];
     // The own +inf entry leaves reach untouched.
     for (std::size_t j = 0; j < distances.size(); ++j) reach = std::min(reach, std::max(core[j], distances[j]));
@@ -293,6 +235,9 @@ double first_noise_free_grid_value(NoiseFree noise_free) {
 
 double EpsCalibrator::find_noise_free_eps(const Observations& obs, int min_samples) {
   const FeatureColumns rows(obs);
+  // Two rows are enough for the clusterer to compute a pair, and a pair of
+  // unequal rows makes it throw.
+  if (rows.uneven()) throw std::runtime_error(DBScan::kUnequalRowsMessage);
   // A row counts itself, so with min_samples <= 1 every row is core; without
   // rows there is nothing to be noise.
   if (min_samples <= 1 || rows.rows() == 0) return kFirstEps;
