@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <memory>
 #include <stdexcept>
-#include <utility>
 
-#include "model/FeatureColumns.h"
+#include "model/LazyDistanceMatrix.h"
 #include "model/SquaredDistance.h"
 
 namespace {
@@ -17,97 +15,6 @@ constexpr double kNotComputed = -1.0;
 constexpr double kNoClusterDistance = 2147483647.0;
 
 }  // namespace
-
-// The squared distances between rows (sums of squares, before the root),
-// computed lazily from a column-wise copy of the rows. Row r counts as
-// computed once its distances were first asked for (computed[r]).
-//
-// While the rows loaded are those every computed row was computed from, no
-// distance is kept: a row is computed again whenever it is asked for, and a
-// pair again whenever it is looked up, which gives the same bits each time
-// (negating a difference is exact, so either row of a pair gives the same
-// sum), costs memory in proportion to n only and is cheaper than writing and
-// reading back an n x n table. When other rows are loaded while some rows
-// are computed (GetNeighborsForRow may be given other rows of the same
-// count), the computed rows are first written in full into an n x n table
-// from the rows they were computed from; from then on rows are filled into
-// the table once, taking the pairs of rows computed before from it and
-// computing only the others from the rows loaded now.
-//
-// The root is taken only where a distance itself is asked for: the
-// neighbour test compares squares (see least_square_reaching).
-class DBScan::DistanceMatrix {
- public:
-  explicit DistanceMatrix(int n)
-      : side(static_cast<std::size_t>(std::max(n, 0))), computed(side, 0), uncomputed(side) {}
-
-  int size() const { return static_cast<int>(side); }
-
-  // Takes the first n rows of obs as the source of distances still to be
-  // computed. Rows of unequal length are only noted here; computing a pair
-  // throws.
-  void load_rows(const Observations& obs) {
-    FeatureColumns loaded(obs);
-    if (!table && uncomputed < side && !loaded.same_values(columns)) keep_computed_rows();
-    columns = std::move(loaded);
-    scratch.resize(columns.padded_rows());
-  }
-
-  // Squared distances from 0-based row r to every row, the diagonal entry
-  // being -1.0; valid until the next call.
-  const double* row(int r) {
-    const std::size_t own = static_cast<std::size_t>(r);
-    if (!computed[own]) {
-      // With rows of unequal length every row has a partner of another
-      // length, so the first pair to compute fails.
-      if (columns.uneven() && uncomputed > 1) throw std::runtime_error(kUnequalRows);
-      if (table) fill_table_row(own);
-      computed[own] = 1;
-      --uncomputed;
-    }
-    if (table) return table.get() + own * side;
-    columns.squared_distances_from(own, scratch.data());
-    scratch[own] = kNotComputed;
-    return scratch.data();
-  }
-
-  double cached(int i, int j) const {
-    if (i < 0 || j < 0 || i >= size() || j >= size() || i == j) return kNotComputed;
-    const std::size_t a = static_cast<std::size_t>(i);
-    const std::size_t b = static_cast<std::size_t>(j);
-    if (!computed[a] && !computed[b]) return kNotComputed;
-    if (!table) return std::sqrt(columns.squared_distance(a, b));
-    return std::sqrt(computed[a] ? table[a * side + b] : table[b * side + a]);
-  }
-
- private:
-  // Writes every computed row into a new table, from the rows loaded now.
-  void keep_computed_rows() {
-    table = std::make_unique_for_overwrite<double[]>(side * side);
-    for (std::size_t r = 0; r < side; ++r) {
-      if (!computed[r]) continue;
-      columns.squared_distances_from(r, scratch.data());
-      double* out = table.get() + r * side;
-      std::copy(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(side), out);
-      out[r] = kNotComputed;
-    }
-  }
-
-  void fill_table_row(std::size_t r) {
-    double* out = table.get() + r * side;
-    for (std::size_t j = 0; j < side; ++j) {
-      out[j] = computed[j] ? table[j * side + r] : columns.squared_distance(r, j);
-    }
-    out[r] = kNotComputed;
-  }
-
-  std::size_t side;
-  std::vector<unsigned char> computed;
-  std::size_t uncomputed;           // rows not computed yet
-  std::vector<double> scratch;      // the row last computed, padded_rows() values
-  std::unique_ptr<double[]> table;  // n x n, once other rows were loaded
-  FeatureColumns columns;
-};
 
 DBScan::DBScan(double eps, int min_samples, int run_mode)
     : eps(eps), neighbour_square_limit(least_square_reaching(eps)), min_samples(min_samples), run_mode(run_mode) {}
@@ -174,7 +81,7 @@ void DBScan::start_fresh_cache(int n) {
   // Give back a previous cache before taking the new one, so two never
   // coexist.
   distance_matrix.reset();
-  distance_matrix = std::make_unique<DistanceMatrix>(n);
+  distance_matrix = std::make_unique<LazyDistanceMatrix>(n);
   neighbourhood_row = 0;
 }
 
