@@ -1,7 +1,6 @@
-// The first num_observations rows of an Observations stored feature by
-// feature, so that the distances from one row to all others come from loops
-// over contiguous memory that the compiler vectorises. Every sum is added up
-// in feature order, bit for bit as squared_euclidean adds it.
+// The counted rows of an Observations stored feature by feature, so that one
+// row's squared distances to all others come from vectorised loops over
+// contiguous memory, added up bit for bit as squared_euclidean adds them.
 #pragma once
 
 #include <cstddef>
