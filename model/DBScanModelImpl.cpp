@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
-#include <limits>
 #include <memory>
 #include <stdexcept>
-#include <utility>
+
+#include "model/LazyDistanceMatrix.h"
+#include "model/SquaredDistance.h"
 
 namespace {
 
@@ -14,177 +14,7 @@ constexpr const char* kUnequalRows = DBScan::kUnequalRowsMessage;
 constexpr double kNotComputed = -1.0;
 constexpr double kNoClusterDistance = 2147483647.0;
 
-// Summed strictly in feature order, so a cached distance is bit-identical to
-// what GetEuclideanDistance returns for the same two rows.
-double euclidean(const double* a, const double* b, std::size_t width) {
-  double sum = 0.0;
-  for (std::size_t i = 0; i < width; ++i) {
-    const double x = b[i] - a[i];
-    sum += x * x;
-  }
-  return std::sqrt(sum);
-}
-
-// The least square whose root is not below eps, so that for every sum of
-// squares s, eps > std::sqrt(s) exactly when s < it: a correctly rounded
-// root never decreases. -inf when no root is below eps (eps not above 0, or
-// NaN).
-double least_square_reaching(double eps) {
-  constexpr double kInf = std::numeric_limits<double>::infinity();
-  if (!(eps > 0.0)) return -kInf;
-  double square = eps * eps;
-  while (square > 0.0 && std::sqrt(std::nextafter(square, 0.0)) >= eps) square = std::nextafter(square, 0.0);
-  while (!(std::sqrt(square) >= eps)) square = std::nextafter(square, kInf);
-  return square;
-}
-
 }  // namespace
-
-// The squared distances between rows (sums of squares, before the root),
-// computed lazily from a column-wise copy of the rows. Row r counts as
-// computed once its distances were first asked for (computed[r]).
-//
-// While the rows loaded are those every computed row was computed from, no
-// distance is kept: a row is computed again whenever it is asked for, and a
-// pair again whenever it is looked up, which gives the same bits each time
-// (negating a difference is exact, so either row of a pair gives the same
-// sum), costs memory in proportion to n only and is cheaper than writing and
-// reading back an n x n table. When other rows are loaded while some rows
-// are computed (GetNeighborsForRow may be given other rows of the same
-// count), the computed rows are first written in full into an n x n table
-// from the rows they were computed from; from then on rows are filled into
-// the table once, taking the pairs of rows computed before from it and
-// computing only the others from the rows loaded now.
-//
-// The root is taken only where a distance itself is asked for: the
-// neighbour test compares squares (see least_square_reaching).
-class DBScan::DistanceMatrix {
- public:
-  explicit DistanceMatrix(int n)
-      : side(static_cast<std::size_t>(std::max(n, 0))),
-        stride((side + kBlock - 1) / kBlock * kBlock),
-        computed(side, 0),
-        uncomputed(side),
-        scratch(stride) {}
-
-  int size() const { return static_cast<int>(side); }
-
-  // Takes the first n rows of obs as the source of distances still to be
-  // computed. Rows of unequal length are only noted here; computing a pair
-  // throws.
-  void load_rows(const Observations& obs) {
-    std::vector<double> loaded;
-    bool loaded_uneven = false;
-    const std::size_t loaded_width = side > 0 ? obs.data[0].size() : 0;
-    loaded.assign(stride * loaded_width, 0.0);
-    for (std::size_t i = 0; i < side && !loaded_uneven; ++i) {
-      const std::vector<double>& row = obs.data[i];
-      if (row.size() != loaded_width) {
-        loaded_uneven = true;
-        loaded.clear();
-        break;
-      }
-      for (std::size_t f = 0; f < loaded_width; ++f) loaded[f * stride + i] = row[f];
-    }
-    const bool same = !loaded_uneven && !uneven && loaded.size() == columns.size() &&
-                      (loaded.empty() || std::memcmp(loaded.data(), columns.data(), loaded.size() * sizeof(double)) == 0);
-    if (!table && uncomputed < side && !same) keep_computed_rows();
-    columns = std::move(loaded);
-    width = loaded_width;
-    uneven = loaded_uneven;
-  }
-
-  // Squared distances from 0-based row r to every row, the diagonal entry
-  // being -1.0; valid until the next call.
-  const double* row(int r) {
-    const std::size_t own = static_cast<std::size_t>(r);
-    if (!computed[own]) {
-      // With rows of unequal length every row has a partner of another
-      // length, so the first pair to compute fails.
-      if (uneven && uncomputed > 1) throw std::runtime_error(kUnequalRows);
-      if (table) fill_table_row(own);
-      computed[own] = 1;
-      --uncomputed;
-    }
-    if (table) return table.get() + own * side;
-    compute_row(own, scratch.data());
-    scratch[own] = kNotComputed;
-    return scratch.data();
-  }
-
-  double cached(int i, int j) const {
-    if (i < 0 || j < 0 || i >= size() || j >= size() || i == j) return kNotComputed;
-    const std::size_t a = static_cast<std::size_t>(i);
-    const std::size_t b = static_cast<std::size_t>(j);
-    if (!computed[a] && !computed[b]) return kNotComputed;
-    if (!table) return std::sqrt(squared_distance(a, b));
-    return std::sqrt(computed[a] ? table[a * side + b] : table[b * side + a]);
-  }
-
- private:
-  // Rows are computed kBlock at a time: a fixed-size block is what the
-  // compiler turns into vector instructions at -O2. The columns are padded
-  // with zeros to whole blocks.
-  static constexpr std::size_t kBlock = 4;
-
-  // Summed in feature order as euclidean sums, the other row first.
-  double squared_distance(std::size_t r, std::size_t j) const {
-    double sum = 0.0;
-    for (std::size_t f = 0; f < width; ++f) {
-      const double x = columns[f * stride + r] - columns[f * stride + j];
-      sum += x * x;
-    }
-    return sum;
-  }
-
-  // Row r's squared distance to every row (own entry 0.0) into out, which
-  // holds stride values.
-  void compute_row(std::size_t r, double* out) const {
-    for (std::size_t block = 0; block < stride; block += kBlock) {
-      double sums[kBlock] = {};
-      for (std::size_t f = 0; f < width; ++f) {
-        const double own = columns[f * stride + r];
-        const double* const others = columns.data() + f * stride + block;
-        for (std::size_t k = 0; k < kBlock; ++k) {
-          const double x = own - others[k];
-          sums[k] += x * x;
-        }
-      }
-      for (std::size_t k = 0; k < kBlock; ++k) out[block + k] = sums[k];
-    }
-  }
-
-  // Writes every computed row into a new table, from the rows loaded now.
-  void keep_computed_rows() {
-    table = std::make_unique_for_overwrite<double[]>(side * side);
-    for (std::size_t r = 0; r < side; ++r) {
-      if (!computed[r]) continue;
-      compute_row(r, scratch.data());
-      double* out = table.get() + r * side;
-      std::copy(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(side), out);
-      out[r] = kNotComputed;
-    }
-  }
-
-  void fill_table_row(std::size_t r) {
-    double* out = table.get() + r * side;
-    for (std::size_t j = 0; j < side; ++j) {
-      out[j] = computed[j] ? table[j * side + r] : squared_distance(r, j);
-    }
-    out[r] = kNotComputed;
-  }
-
-  std::size_t side;
-  std::size_t stride;  // side rounded up to whole blocks
-  std::vector<unsigned char> computed;
-  std::size_t uncomputed;              // rows not computed yet
-  std::vector<double> scratch;         // the row last computed, stride values
-  std::unique_ptr<double[]> table;     // n x n, once other rows were loaded
-
-  std::vector<double> columns;  // feature f of row j at f * stride + j
-  std::size_t width = 0;
-  bool uneven = false;
-};
 
 DBScan::DBScan(double eps, int min_samples, int run_mode)
     : eps(eps), neighbour_square_limit(least_square_reaching(eps)), min_samples(min_samples), run_mode(run_mode) {}
@@ -251,7 +81,7 @@ void DBScan::start_fresh_cache(int n) {
   // Give back a previous cache before taking the new one, so two never
   // coexist.
   distance_matrix.reset();
-  distance_matrix = std::make_unique<DistanceMatrix>(n);
+  distance_matrix = std::make_unique<LazyDistanceMatrix>(n);
   neighbourhood_row = 0;
 }
 
@@ -302,7 +132,7 @@ double DBScan::get_cached_distance(int i, int j) const {
 
 double DBScan::GetEuclideanDistance(const std::vector<double>& a, const std::vector<double>& b) {
   if (a.size() != b.size()) throw std::runtime_error(kUnequalRows);
-  return euclidean(a.data(), b.data(), a.size());
+  return std::sqrt(squared_euclidean(a.data(), b.data(), a.size()));
 }
 
 std::vector<double> DBScan::GetRowFromRowID(const Observations& obs, int row_id) {

@@ -9,17 +9,12 @@
 #include <vector>
 
 #include "model/ClosestClusterInfo.h"
+#include "model/Observations.h"
 
-// The matrix handed to the clusterer: one row of doubles per job. The
-// clusterer iterates row ids 1..num_observations and trusts that count, not
-// the size of data; all those rows must have the same length.
-struct Observations {
-  std::vector<std::vector<double>> data;
-  int num_features = 0;
-  int num_observations = 0;
-};
+class LazyDistanceMatrix;
 
-// One object serves one Run. Row ids are 1-based (row id 1 is data[0]);
+// One object serves one Run. Row ids 1..obs.num_observations are clustered,
+// whatever the size of obs.data. Row ids are 1-based (row id 1 is data[0]);
 // labels and get_closest_cluster_for_observation use 0-based indices.
 //
 // Distances are computed lazily: a row's distances to every row are computed
@@ -75,8 +70,6 @@ class DBScan {
   double get_cached_distance(int i, int j) const;
 
  private:
-  class DistanceMatrix;
-
   void start_fresh_cache(int n);
   // Leaves row_id and its neighbours, in GetNeighborsForRow's order, in
   // neighbourhood.
@@ -92,7 +85,7 @@ class DBScan {
   double neighbour_square_limit;
   int min_samples;
   int run_mode;
-  std::unique_ptr<DistanceMatrix> distance_matrix;
+  std::unique_ptr<LazyDistanceMatrix> distance_matrix;
   std::vector<int> cluster_labels;
 
   // Working state of a run, kept between calls so the loops allocate nothing
