@@ -16,6 +16,7 @@
 #include "cli/InitCommand.h"
 #include "cli/StatusCommand.h"
 #include "operator/TimeText.h"
+#include "operator/Verdict.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;
@@ -52,6 +53,14 @@ class OperatorCommandsTest : public ::testing::Test {
     DetectionService::AnomalyStats stats{{"IMAGE_SIZE", {1536, 1000, 1200}}};
     service.report_anomaly(job, {1, 3.25}, DetectionService::Rows{}, {}, 1, stats);
     close_debug_log();
+  }
+
+  // Queues the reported job as the detector leaves it (processed), so the
+  // next pass can learn a false-positive verdict on it.
+  void queue(const std::string& key) {
+    DBAccess db(db_path, SQLITE_OPEN_READWRITE);
+    db.execute_query("INSERT INTO DATA_TO_PROCESS VALUES ('i', 1, 'c', 'p', 't', 's', 'n', 'a', 1, 1.0, 1, 1, 1.0, 1, "
+                     "1, 1, 1.0, 0, 'stu', 0, 'vm', '" + key + "', 1)");
   }
 
   Rows query(const std::string& sql) {
@@ -194,6 +203,7 @@ TEST_F(OperatorCommandsTest, AnomaliesOfAMissingOrForeignFileFail) {
 
 TEST_F(OperatorCommandsTest, FeedbackRecordsTheFalsePositiveVerdictOnce) {
   report("web01", 7, 1700000000, "k7");
+  queue("k7");
   const Outcome first = run(run_feedback, {db_path, "7_1000"});
   EXPECT_EQ(first.exit_code, 0) << first.err;
   Rows rows = query("SELECT ANOMALY_UNIQUE_ID, FEEDBACK FROM ANOMALY_DATA_FEEDBACK");
@@ -204,6 +214,39 @@ TEST_F(OperatorCommandsTest, FeedbackRecordsTheFalsePositiveVerdictOnce) {
   EXPECT_EQ(second.exit_code, 0);
   EXPECT_NE(second.out.find("already reported"), std::string::npos);
   EXPECT_EQ(query("SELECT COUNT(*) AS n FROM ANOMALY_DATA_FEEDBACK")[0]["n"], 1);
+}
+
+// An anomaly the console acknowledged (a real one, handled) must not be
+// learned as normal history through the command line either.
+TEST_F(OperatorCommandsTest, FeedbackOnAnAcknowledgedAnomalyIsRefusedAsTheConsoleRefusesIt) {
+  report("web01", 7, 1700000000, "k7");
+  queue("k7");
+  ASSERT_EQ(give_verdict(db_path, "7_1000", Verdict::acknowledged), VerdictOutcome::recorded);
+  const Outcome outcome = run(run_feedback, {db_path, "7_1000"});
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_NE(outcome.err.find(verdict_refusal(VerdictOutcome::conflict)), std::string::npos) << outcome.err;
+  EXPECT_EQ(query("SELECT COUNT(*) AS n FROM ANOMALY_DATA_FEEDBACK")[0]["n"], 0);
+}
+
+TEST_F(OperatorCommandsTest, FeedbackForAJobThatLeftTheQueueIsRefused) {
+  report("web01", 7, 1700000000, "k7");
+  const Outcome outcome = run(run_feedback, {db_path, "7_1000"});
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_NE(outcome.err.find("the job is no longer in the detection queue, so no pass could learn it"),
+            std::string::npos)
+      << outcome.err;
+  EXPECT_EQ(query("SELECT COUNT(*) AS n FROM ANOMALY_DATA_FEEDBACK")[0]["n"], 0);
+}
+
+// Acknowledging a false positive is refused with the same words.
+TEST_F(OperatorCommandsTest, TheOtherVerdictIsRefusedWhicheverCameFirst) {
+  report("web01", 7, 1700000000, "k7");
+  queue("k7");
+  ASSERT_EQ(run(run_feedback, {db_path, "7_1000"}).exit_code, 0);
+  EXPECT_EQ(give_verdict(db_path, "7_1000", Verdict::acknowledged), VerdictOutcome::conflict);
+  EXPECT_EQ(give_verdict(db_path, "7_1000", Verdict::false_positive), VerdictOutcome::already);
+  EXPECT_EQ(give_verdict(db_path, "nope", Verdict::false_positive), VerdictOutcome::unknown);
+  EXPECT_EQ(query("SELECT COUNT(*) AS n FROM ANOMALY_DATA WHERE ANOMALY_STATE = 1")[0]["n"], 0);
 }
 
 TEST_F(OperatorCommandsTest, FeedbackForAnUnknownIdIsAClearError) {

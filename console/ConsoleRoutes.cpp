@@ -42,9 +42,8 @@ void ConsoleServer::Impl::verdict_api(const Request& req, Response& res) {
   const VerdictOutcome outcome = apply(id, req.matches[2]);
   switch (outcome) {
     case VerdictOutcome::unknown: throw RequestError(404, "no anomaly '" + id + "'");
-    case VerdictOutcome::conflict: throw RequestError(409, "the anomaly already has the other verdict");
-    case VerdictOutcome::job_gone:
-      throw RequestError(409, "the job is no longer in the detection queue, so no pass could learn it");
+    case VerdictOutcome::conflict:
+    case VerdictOutcome::job_gone: throw RequestError(409, verdict_refusal(outcome));
     case VerdictOutcome::recorded:
     case VerdictOutcome::already: break;
   }

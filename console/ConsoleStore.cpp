@@ -46,48 +46,6 @@ std::vector<Bound> filter_values(const ListQuery& query) {
           static_cast<double>(query.state ? static_cast<int>(*query.state) : -1)};
 }
 
-// The connection a verdict is written on: it waits for the detector's lock
-// rather than failing at once, and takes the write lock before reading the
-// state it decides on, so no pass can change that state in between.
-class VerdictTransaction {
- public:
-  explicit VerdictTransaction(const std::string& path) : db_(path, SQLITE_OPEN_READWRITE) {
-    db_.set_busy_timeout(ConsoleStore::kBusyTimeoutMs);
-    db_.execute_query("BEGIN IMMEDIATE");
-  }
-  ~VerdictTransaction() {
-    if (!committed_) {
-      try {
-        db_.execute_query("ROLLBACK");
-      } catch (...) {
-        // The connection closes next, which rolls back as well.
-      }
-    }
-  }
-  // The anomaly's state and its job's key, or none for an unknown id.
-  std::optional<std::pair<AnomalyState, std::string>> state_of(const std::string& id) {
-    Prepared st(db_, console_sql::kStateById, {id});
-    std::optional<std::pair<AnomalyState, std::string>> found;
-    db_.visit_records_prepared(st, [&](const RecordCursor& cursor) {
-      found.emplace(state_from_number(integer(cursor.text(0))), cursor.text(1));
-    });
-    return found;
-  }
-  void run(const char* sql, const std::string& id) {
-    Prepared st(db_, sql, {id});
-    db_.execute_query_prepared(st);
-  }
-  bool job_queued(const std::string& key) { return single_number(db_, console_sql::kJobQueued, {key}) != 0; }
-  void commit() {
-    db_.execute_query("COMMIT");
-    committed_ = true;
-  }
-
- private:
-  DBAccess db_;
-  bool committed_ = false;
-};
-
 }  // namespace
 
 ConsoleStore::ConsoleStore(std::string path) : path_(std::move(path)) { AnomalyStore check(path_); }
@@ -183,23 +141,10 @@ std::vector<std::pair<std::string, long long>> ConsoleStore::per_day(time_t sinc
   return days;
 }
 
-// Both verdicts take an open anomaly only: the same verdict again changes
-// nothing, the other one conflicts. A false positive also needs its job
-// still queued, where the next pass looks for it.
-VerdictOutcome ConsoleStore::give_verdict(const std::string& id, bool false_positive) const {
-  VerdictTransaction transaction(path_);
-  const auto found = transaction.state_of(id);
-  if (!found) return VerdictOutcome::unknown;
-  if (found->first != AnomalyState::open) {
-    const bool is_false_positive = found->first != AnomalyState::acknowledged;
-    return is_false_positive == false_positive ? VerdictOutcome::already : VerdictOutcome::conflict;
-  }
-  if (false_positive && !transaction.job_queued(found->second)) return VerdictOutcome::job_gone;
-  transaction.run(false_positive ? console_sql::kInsertFalsePositive : console_sql::kAcknowledge, id);
-  transaction.commit();
-  return VerdictOutcome::recorded;
+VerdictOutcome ConsoleStore::report_false_positive(const std::string& id) const {
+  return give_verdict(path_, id, Verdict::false_positive);
 }
 
-VerdictOutcome ConsoleStore::report_false_positive(const std::string& id) const { return give_verdict(id, true); }
-
-VerdictOutcome ConsoleStore::acknowledge(const std::string& id) const { return give_verdict(id, false); }
+VerdictOutcome ConsoleStore::acknowledge(const std::string& id) const {
+  return give_verdict(path_, id, Verdict::acknowledged);
+}

@@ -17,6 +17,7 @@
 #include "replay/UnjudgeableJobs.h"
 #include "operator/AlertFigures.h"
 #include "operator/AnomalyState.h"
+#include "operator/Verdict.h"
 #include "console/HistoryTally.h"
 
 struct ListQuery {
@@ -59,14 +60,6 @@ struct StatusFigures {
   std::optional<UnjudgeableCount> unjudgeable;
 };
 
-enum class VerdictOutcome {
-  recorded,        // written now
-  already,         // the anomaly already had this verdict: nothing written
-  unknown,         // no such anomaly
-  conflict,        // the anomaly has the other verdict
-  job_gone,        // false positive refused: the job left the queue, no pass could learn it
-};
-
 class ConsoleStore {
  public:
   // Checks once that path is a readable detector database (see AnomalyStore).
@@ -87,11 +80,6 @@ class ConsoleStore {
   VerdictOutcome report_false_positive(const std::string& id) const;
   VerdictOutcome acknowledge(const std::string& id) const;
 
-  // How long a verdict waits for the detector's write lock.
-  static constexpr int kBusyTimeoutMs = 10000;
-
  private:
-  VerdictOutcome give_verdict(const std::string& id, bool false_positive) const;
-
   std::string path_;
 };

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "contract/AnomalyPayload.h"
+#include "operator/DetectorDatabase.h"
 #include "storage/Statement.h"
 #include "util/Text.h"
 
@@ -18,13 +19,6 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
 
 namespace {
-
-DBAccess open_read_only(const std::string& path) {
-  if (access(path.c_str(), R_OK) != 0) {
-    throw std::runtime_error("cannot read database '" + path + "'");
-  }
-  return DBAccess(path, SQLITE_OPEN_READONLY);
-}
 
 void read_payload(AnomalyRecord& record) {
   anomaly_payload::Fields fields = anomaly_payload::parse(record.payload);
@@ -57,17 +51,7 @@ HistoryPoint to_point(Row& row) {
 
 }  // namespace
 
-AnomalyStore::AnomalyStore(const std::string& path) : db_(open_read_only(path)) {
-  Rows tables;
-  try {
-    db_.read_data("SELECT name FROM sqlite_master WHERE type = 'table' AND name = 'ANOMALY_DATA'", tables);
-  } catch (const std::exception&) {
-    throw std::runtime_error("'" + path + "' is not an SQLite database");
-  }
-  if (tables.empty()) {
-    throw std::runtime_error("'" + path + "' has no ANOMALY_DATA table; create it with 'tsanomalyctl init'");
-  }
-}
+AnomalyStore::AnomalyStore(const std::string& path) : db_(detector_database::open_for_reading(path)) {}
 
 std::vector<AnomalyRecord> AnomalyStore::anomalies(const Filter& filter) const {
   std::vector<AnomalyRecord> records;
@@ -76,7 +60,7 @@ std::vector<AnomalyRecord> AnomalyStore::anomalies(const Filter& filter) const {
 }
 
 void AnomalyStore::visit_anomalies(const Filter& filter, const std::function<void(const AnomalyRecord&)>& visit) const {
-  Statement st(db_.handle,
+  Statement st(db_->handle,
                "SELECT ANOMALY_UNIQUE_ID, ANOMALY_PAYLOAD, DETECTION_KEY, CLIENT, DETECTION_TIME FROM ANOMALY_DATA "
                "WHERE DETECTION_TIME >= ? AND (? = '' OR lower(CLIENT) = ?) ORDER BY DETECTION_TIME DESC, rowid DESC "
                "LIMIT ?");
@@ -85,7 +69,7 @@ void AnomalyStore::visit_anomalies(const Filter& filter, const std::function<voi
   st.bind(2, client);
   st.bind(3, client);
   st.bind(4, static_cast<double>(filter.limit.value_or(-1)));
-  db_.visit_records_prepared(st, [&](const auto& cursor) {
+  db_->visit_records_prepared(st, [&](const auto& cursor) {
     Row row;
     for (int i = 0; i < cursor.cell_count(); ++i) row.emplace(cursor.column_name(i), Value(std::string(cursor.text(i))));
     visit(to_record(row));
@@ -95,12 +79,12 @@ void AnomalyStore::visit_anomalies(const Filter& filter, const std::function<voi
 std::vector<AnomalyRecord> AnomalyStore::summaries() const {
   // A payload that is not JSON, or whose summary is not text, gives an
   // empty summary, as reading it with Jansson would.
-  Statement st(db_.handle,
+  Statement st(db_->handle,
                "SELECT ANOMALY_UNIQUE_ID, CLIENT, DETECTION_TIME, CASE WHEN json_valid(ANOMALY_PAYLOAD) THEN CASE WHEN "
                "json_type(ANOMALY_PAYLOAD, '$.Attributes.summary') = 'text' THEN json_extract(ANOMALY_PAYLOAD, "
                "'$.Attributes.summary') END END AS SUMMARY FROM ANOMALY_DATA ORDER BY DETECTION_TIME DESC, rowid DESC");
   std::vector<AnomalyRecord> records;
-  db_.visit_records_prepared(st, [&](const auto& cursor) {
+  db_->visit_records_prepared(st, [&](const auto& cursor) {
     AnomalyRecord& record = records.emplace_back();
     record.id = cursor.text(0);
     record.client = cursor.text(1);
@@ -111,12 +95,12 @@ std::vector<AnomalyRecord> AnomalyStore::summaries() const {
 }
 
 std::optional<AnomalyRecord> AnomalyStore::find(const std::string& id) const {
-  Statement st(db_.handle,
+  Statement st(db_->handle,
                "SELECT ANOMALY_UNIQUE_ID, ANOMALY_PAYLOAD, DETECTION_KEY, CLIENT, DETECTION_TIME FROM ANOMALY_DATA "
                "WHERE ANOMALY_UNIQUE_ID = ?");
   st.bind(1, id);
   Rows rows;
-  db_.read_data_prepared(st, rows);
+  db_->read_data_prepared(st, rows);
   if (rows.empty()) return std::nullopt;
   return to_record(rows[0]);
 }
@@ -125,15 +109,15 @@ WorkloadHistory AnomalyStore::history_of(const AnomalyRecord& anomaly, std::opti
   WorkloadHistory result;
   Rows jobs;
   {
-    Statement st(db_.handle, "SELECT * FROM DATA_TO_PROCESS WHERE UNIQUE_KEY = ?");
+    Statement st(db_->handle, "SELECT * FROM DATA_TO_PROCESS WHERE UNIQUE_KEY = ?");
     st.bind(1, anomaly.detection_key);
-    db_.read_data_prepared(st, jobs);
+    db_->read_data_prepared(st, jobs);
   }
   if (jobs.empty()) return result;
   Row& job = jobs[0];
   result.job_found = true;
   result.job = to_point(job);
-  Statement st(db_.handle,
+  Statement st(db_->handle,
                "SELECT BACKUP_TIME, NUM_FILES, IMAGE_SIZE, KB_TRANSFERRED, TOTAL_TIME, DEDUP_RATE FROM HIST_DATA "
                "WHERE CLIENT = ? AND POLICY = ? AND POLICY_TYPE = ? AND APP_TYPE = ? AND SCHEDULE_TYPE = ? AND "
                "SCHEDULE_NAME = ? AND DESTINATION_STORAGE_NAME = ? AND ASSET_ID = ? AND MODE = 1 AND BACKUP_TIME >= ? "
@@ -145,7 +129,7 @@ WorkloadHistory AnomalyStore::history_of(const AnomalyRecord& anomaly, std::opti
   }
   st.bind(index, days ? static_cast<double>(result.job.backup_time) - 86400.0 * *days : -1e300);
   Rows rows;
-  db_.read_data_prepared(st, rows);
+  db_->read_data_prepared(st, rows);
   for (Row& row : rows) result.history.push_back(to_point(row));
   return result;
 }

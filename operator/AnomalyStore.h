@@ -6,6 +6,7 @@
 #include <array>
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -71,8 +72,8 @@ class AnomalyStore {
   // with days, only the history of that many days before the job.
   WorkloadHistory history_of(const AnomalyRecord& anomaly, std::optional<int> days = std::nullopt) const;
 
-  Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess& database() { return db_; }
+  Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess& database() { return *db_; }
 
  private:
-  mutable Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess db_;
+  std::unique_ptr<Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess> db_;
 };
