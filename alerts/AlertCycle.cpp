@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include "contract/BusyTimeout.h"
 #include "platform/StopSignal.h"
 #include "storage/DBAccess.h"
 #include "operator/ErrorText.h"
@@ -16,7 +17,6 @@ namespace {
 // Alerts read per round of a channel; a larger backlog takes more rounds.
 constexpr int kBatch = 500;
 // The detector may be writing; our statements are short, so are its waits.
-constexpr int kBusyTimeoutMs = 10000;
 
 std::vector<AnomalyAlert> alerts_of(const std::vector<DueAlert>& due, const std::string& console_url) {
   std::vector<AnomalyAlert> alerts;

@@ -1,24 +1,18 @@
 #include "cli/StatusCommand.h"
 
-#include <cstdlib>
 #include <ctime>
 #include <iostream>
 #include <string>
 
 #include "platform/VisibleText.h"
-#include "schema/ConsoleSql.h"
 #include "schema/SchemaAudit.h"
-#include "storage/Statement.h"
 #include "operator/AnomalyStore.h"
 #include "cli/CommandArgs.h"
 #include "operator/ErrorText.h"
 #include "upgrade/SchemaDiff.h"
 #include "replay/UnjudgeableJobs.h"
 #include "upgrade/UpgradeAdvice.h"
-#include "operator/AlertFigures.h"
-
-using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
-using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
+#include "operator/StatusFigures.h"
 
 const char* const kStatusHelp =
     "usage: tsanomalyctl status DB [-config_file INI]\n"
@@ -38,15 +32,6 @@ const char* const kStatusHelp =
     "configuration INI the service uses (-config_file; built-in defaults without).\n";
 
 namespace {
-
-// One number from a query whose single result column is named N.
-long long count(AnomalyStore& store, const std::string& sql, double bound = 0) {
-  Statement st(store.database().handle, sql);
-  if (sql.find('?') != std::string::npos) st.bind(1, bound);
-  Rows rows;
-  store.database().read_data_prepared(st, rows);
-  return rows.empty() ? 0 : std::strtoll(rows[0]["N"].text().c_str(), nullptr, 10);
-}
 
 // Schema code the detector did not ship, as the service warns about it at
 // start-up: one line per trigger or view, by name.
@@ -87,8 +72,8 @@ void print_schema_findings(AnomalyStore& store, const std::string& path) {
 }
 
 // One line per alert channel that has had alerts.
-void print_alert_figures(AnomalyStore& store, time_t now) {
-  for (const ChannelFigures& f : alert_channel_figures(store.database(), now)) {
+void print_alert_figures(const StatusFigures& figures) {
+  for (const ChannelFigures& f : figures.alert_channels) {
     const std::string label = "Alerts, " + visible_text(f.channel);
     std::cout << label << std::string(label.size() < 28 ? 28 - label.size() : 1, ' ') << "delivered " << f.delivered
               << ", failing " << f.failing << ", given up " << f.given_up << ", withdrawn " << f.withdrawn;
@@ -105,25 +90,24 @@ int run_status(int argc, char** argv) {
   try {
     const std::string& path = args.positional()[0];
     AnomalyStore store(path);
-    const double now = static_cast<double>(std::time(nullptr));
+    const time_t now = std::time(nullptr);
+    const StatusFigures figures = read_status_figures(store.database(), now);
+    const HistoryCounts history = read_history_counts(store.database(), now);
     const auto line = [](const char* label, long long value) {
       std::cout << label << std::string(28 - std::string(label).size(), ' ') << value << "\n";
     };
-    line("Pending jobs", count(store, console_sql::kPendingJobs));
-    line("Processed, awaiting verdict", count(store, console_sql::kAwaitingVerdict));
-    line("History rows", count(store, console_sql::kHistoryRows));
-    line("Workloads",
-         count(store, console_sql::kWorkloads));
-    line("Calibrated models", count(store, console_sql::kCalibratedModels));
-    line("Anomalies, last 24 hours",
-         count(store, console_sql::kAnomaliesSince, now - 86400));
-    line("Anomalies, last 7 days",
-         count(store, console_sql::kAnomaliesSince, now - 7 * 86400));
-    line("Anomalies, total", count(store, console_sql::kAnomaliesTotal));
+    line("Pending jobs", figures.pending);
+    line("Processed, awaiting verdict", figures.awaiting_verdict);
+    line("History rows", history.rows);
+    line("Workloads", history.workloads);
+    line("Calibrated models", figures.models);
+    line("Anomalies, last 24 hours", figures.last_day);
+    line("Anomalies, last 7 days", figures.last_week);
+    line("Anomalies, total", figures.anomalies);
     print_unjudgeable(path, args.value("-config_file").value_or(""));
     print_unknown_schema_objects(store);
     print_schema_findings(store, path);
-    print_alert_figures(store, static_cast<time_t>(now));
+    print_alert_figures(figures);
   } catch (const std::exception& e) {
     std::cerr << "tsanomalyctl status: " << ErrorText::of(e) << "\n";
     return 1;

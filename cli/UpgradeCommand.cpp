@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "contract/BusyTimeout.h"
 #include "schema/SchemaCatalogSql.h"
 #include "storage/DBAccess.h"
 #include "cli/CommandArgs.h"
@@ -47,7 +48,6 @@ const char* const kUpgradeHelp =
 namespace {
 
 constexpr const char* kCommand = "upgrade";
-constexpr int kDefaultBusyTimeoutMs = 10000;
 constexpr int kMaxBusyTimeoutMs = 600000;
 constexpr const char* kOneHostRule =
     "every process that uses the file must run on this host (WAL shares memory through a file beside it)";
@@ -191,7 +191,7 @@ int apply(const std::string& path, int busy_timeout_ms, bool wal) {
 int run_upgrade(int argc, char** argv) {
   CommandArgs args(argc, argv, {{"--apply", "--wal"}, {"--busy-timeout"}, 1, 1});
   const int busy_timeout_ms =
-      static_cast<int>(args.integer("--busy-timeout", kDefaultBusyTimeoutMs, 0, kMaxBusyTimeoutMs));
+      static_cast<int>(args.integer("--busy-timeout", kBusyTimeoutMs, 0, kMaxBusyTimeoutMs));
   if (auto exit_code = args.help_or_usage_error(kCommand, kUpgradeHelp)) return *exit_code;
   if (args.flag("--wal") && !args.flag("--apply")) return CommandArgs::usage_error(kCommand, "--wal goes with --apply");
   const std::string& path = args.positional()[0];

@@ -31,14 +31,6 @@ struct Prepared : Statement {
 
 long long integer(const char* text) { return std::strtoll(text, nullptr, 10); }
 
-// The one number a query yields in its first column (0 for no row).
-long long single_number(DBAccess& db, const std::string& sql, const std::vector<Bound>& values = {}) {
-  Prepared st(db, sql, values);
-  long long n = 0;
-  db.visit_records_prepared(st, [&](const RecordCursor& cursor) { n = integer(cursor.text(0)); });
-  return n;
-}
-
 // ?1 to ?5 of console_sql::list_filter.
 std::vector<Bound> filter_values(const ListQuery& query) {
   const double to = query.to > 0 ? static_cast<double>(query.to) : std::numeric_limits<double>::max();
@@ -102,34 +94,12 @@ std::optional<AnomalyDetail> ConsoleStore::detail(const std::string& id, int day
 
 StatusFigures ConsoleStore::status() const {
   AnomalyStore store(path_);
-  DBAccess& db = store.database();
-  db.begin_transaction();
-  StatusFigures figures;
-  figures.pending = single_number(db, console_sql::kPendingJobs);
-  figures.awaiting_verdict = single_number(db, console_sql::kAwaitingVerdict);
-  figures.models = single_number(db, console_sql::kCalibratedModels);
-  figures.newest_detection = static_cast<time_t>(single_number(db, console_sql::kNewestDetection));
-  Statement st(db.handle, console_sql::kAnomaliesByState);
-  db.visit_records_prepared(st, [&](const RecordCursor& cursor) {
-    const long long n = integer(cursor.text(1));
-    figures.by_state[static_cast<int>(state_from_number(integer(cursor.text(0))))] += n;
-    figures.anomalies += n;
-  });
-  figures.alert_channels = alert_channel_figures(db, std::time(nullptr));
-  db.commit_transaction();
-  return figures;
+  return read_status_figures(store.database(), std::time(nullptr));
 }
 
 HistoryTally::Counts ConsoleStore::history_counts() const {
   AnomalyStore store(path_);
-  DBAccess& db = store.database();
-  db.begin_transaction();
-  HistoryTally::Counts counts;
-  counts.taken = std::time(nullptr);
-  counts.rows = single_number(db, console_sql::kHistoryRows);
-  counts.workloads = single_number(db, console_sql::kWorkloads);
-  db.commit_transaction();
-  return counts;
+  return read_history_counts(store.database(), std::time(nullptr));
 }
 
 std::vector<std::pair<std::string, long long>> ConsoleStore::per_day(time_t since) const {

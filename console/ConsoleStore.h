@@ -14,8 +14,7 @@
 #include <vector>
 
 #include "operator/AnomalyStore.h"
-#include "replay/UnjudgeableJobs.h"
-#include "operator/AlertFigures.h"
+#include "operator/StatusFigures.h"
 #include "operator/AnomalyState.h"
 #include "operator/Verdict.h"
 #include "console/HistoryTally.h"
@@ -45,19 +44,6 @@ struct AnomalyDetail {
   AnomalyRecord record;
   WorkloadHistory history;
   AnomalyState state = AnomalyState::open;
-};
-
-// The queue, the history and the models, and the anomalies by state.
-struct StatusFigures {
-  long long pending = 0, awaiting_verdict = 0, history_rows = 0, workloads = 0, models = 0;
-  time_t history_counted = 0;  // when history_rows and workloads were counted
-  std::array<long long, kAnomalyStateCount> by_state{};
-  long long anomalies = 0;
-  time_t newest_detection = 0;  // 0 when there is none
-  std::vector<ChannelFigures> alert_channels;  // empty without alert tables
-  // The pending jobs the next pass cannot judge; on the status page and in
-  // the status API only (it replays jobs, too slow for every scrape).
-  std::optional<UnjudgeableCount> unjudgeable;
 };
 
 class ConsoleStore {

@@ -12,12 +12,11 @@
 #include <mutex>
 #include <thread>
 
+#include "operator/StatusFigures.h"
+
 class HistoryTally {
  public:
-  struct Counts {
-    long long rows = 0, workloads = 0;
-    time_t taken = 0;  // when the counts were taken
-  };
+  using Counts = HistoryCounts;
   using Counter = std::function<Counts()>;
 
   // Counts once now (throwing what count throws), then starts the thread.

@@ -7,6 +7,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "contract/BusyTimeout.h"
 #include "schema/AnomalySchema.h"
 #include "schema/ReplaySql.h"
 #include "service/DetectionService.h"
@@ -22,7 +23,6 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
 
 namespace {
 
-constexpr int kBusyTimeoutMs = DetectionService::kDefaultBusyTimeoutMs;  // the service may be writing
 
 // A file: URI that opens path read-only; '%', '?' and '#' would otherwise
 // be read as URI syntax. query: "mode=ro", or with "&immutable=1".

@@ -40,7 +40,7 @@ DetectionService::DetectionService(const std::string& database_location, const s
     logmsgf(kLogError, kCategory, "Could not create database %s", database_file_name.c_str());
     throw std::exception();
   }
-  db->set_busy_timeout(kDefaultBusyTimeoutMs);
+  db->set_busy_timeout(kBusyTimeoutMs);
   init_feature_list();
 }
 

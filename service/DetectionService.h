@@ -26,6 +26,7 @@
 
 #include "model/ClosestClusterInfo.h"
 #include "contract/AnomalyStat.h"
+#include "contract/BusyTimeout.h"
 #include "service/JobDecision.h"
 #include "storage/DBAccess.h"
 
@@ -48,9 +49,8 @@ class DetectionService {
   using Clock = std::function<time_t()>;
   using Sleep = std::function<void(unsigned seconds)>;
 
-  // The queue has a concurrent writer: a statement waits this long for its
-  // short transactions instead of failing.
-  static constexpr int kDefaultBusyTimeoutMs = 10000;
+  // The queue has a concurrent writer: a statement waits kBusyTimeoutMs
+  // (contract/BusyTimeout.h) for its short transactions instead of failing.
 
   // Opens (creating when missing) database_location/database_file_name.
   // When it cannot, logs "Could not create database <file name>" and throws
