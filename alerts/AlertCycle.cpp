@@ -44,7 +44,7 @@ AlertCycle::AlertCycle(std::string database_path, std::string config_path)
 void AlertCycle::note_problems(const AlertSettings& settings) {
   std::set<std::string> problems(settings.warnings.begin(), settings.warnings.end());
   for (const ChannelSettings& channel : settings.channels) {
-    if (!channel.usable()) problems.insert(channel.name + " channel not used: " + channel.error);
+    if (!channel.usable()) problems.insert(channel.name() + " channel not used: " + channel.error);
   }
   if (!settings.enabled) problems.insert("alerts are off: [ANOMALY_DETECTION_FUNCTIONALITY] DISABLE_ALERT_SERVICE is not 0");
   if (settings.enabled && settings.channels.empty()) problems.insert("alerts are on but no channel is configured");
@@ -58,22 +58,22 @@ void AlertCycle::deliver(DeliveryLedger& ledger, const ChannelSettings& settings
                          time_t now) {
   const auto channel = AlertChannel::make(settings);
   for (;;) {
-    const std::vector<DueAlert> due = ledger.due(settings.name, now, kBatch);
+    const std::vector<DueAlert> due = ledger.due(settings.name(), now, kBatch);
     if (due.empty() || StopSignal::requested()) return;
     const std::vector<AnomalyAlert> alerts = alerts_of(due, all.console_url);
     if (static_cast<int>(due.size()) > all.group_threshold) {
       const SendResult result = channel->send(AlertMessage::summary(alerts));
-      if (!result.delivered) return postpone(ledger, settings.name, now, result.error, all.retry_seconds);
-      ledger.mark_delivered(settings.name, due, std::time(nullptr));
-      alert_log::info(settings.name + ": one summary alert for " + std::to_string(due.size()) + " anomalies delivered");
+      if (!result.delivered) return postpone(ledger, settings.name(), now, result.error, all.retry_seconds);
+      ledger.mark_delivered(settings.name(), due, std::time(nullptr));
+      alert_log::info(settings.name() + ": one summary alert for " + std::to_string(due.size()) + " anomalies delivered");
     } else {
       for (std::size_t i = 0; i < due.size(); ++i) {
         if (StopSignal::requested()) return;
         const SendResult result = channel->send(AlertMessage::for_anomaly(alerts[i]));
-        if (!result.delivered) return postpone(ledger, settings.name, now, result.error, all.retry_seconds);
-        ledger.mark_delivered(settings.name, {due[i]}, std::time(nullptr));
+        if (!result.delivered) return postpone(ledger, settings.name(), now, result.error, all.retry_seconds);
+        ledger.mark_delivered(settings.name(), {due[i]}, std::time(nullptr));
       }
-      alert_log::info(settings.name + ": " + std::to_string(due.size()) + " alerts delivered");
+      alert_log::info(settings.name() + ": " + std::to_string(due.size()) + " alerts delivered");
     }
     if (static_cast<int>(due.size()) < kBatch) return;
   }
@@ -90,8 +90,8 @@ AlertSettings AlertCycle::run(time_t now) {
     DeliveryLedger ledger(db, database_path_);
     for (const ChannelSettings& channel : settings.channels) {
       if (!channel.usable()) continue;
-      ledger.register_channel(channel.name, now - static_cast<time_t>(settings.since_hours) * 3600);
-      ledger.enqueue_new(channel.name, now);
+      ledger.register_channel(channel.name(), now - static_cast<time_t>(settings.since_hours) * 3600);
+      ledger.enqueue_new(channel.name(), now);
     }
     ledger.withdraw_handled();
     for (const ChannelSettings& channel : settings.channels) {

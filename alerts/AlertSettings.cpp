@@ -74,7 +74,7 @@ std::string url_problem(const std::string& url) {
 ChannelSettings webhook(const Configuration& config, std::vector<std::string>& warnings) {
   const std::string section = "ALERT_WEBHOOK";
   ChannelSettings channel;
-  channel.name = "webhook";
+  channel.kind = ChannelKind::webhook;
   channel.url = config.get_config(section, "URL");
   channel.authorization = config.get_config(section, "AUTHORIZATION");
   channel.timeout_seconds = number(config, section, {"TIMEOUT_SECONDS", 10, 1, 300}, warnings);
@@ -100,7 +100,7 @@ std::vector<std::string> split_blanks(const std::string& text) {
 ChannelSettings exec(const Configuration& config, std::vector<std::string>& warnings) {
   const std::string section = "ALERT_EXEC";
   ChannelSettings channel;
-  channel.name = "exec";
+  channel.kind = ChannelKind::exec;
   channel.command = split_blanks(config.get_config(section, "COMMAND"));
   channel.timeout_seconds = number(config, section, {"TIMEOUT_SECONDS", 30, 1, 3600}, warnings);
   if (channel.command.empty()) {
@@ -132,7 +132,7 @@ int facility_code(const std::string& name) {
 ChannelSettings syslog(const Configuration& config) {
   const std::string section = "ALERT_SYSLOG";
   ChannelSettings channel;
-  channel.name = "syslog";
+  channel.kind = ChannelKind::syslog;
   const std::string facility = text::to_lower(config.get_config(section, "FACILITY"));
   const std::string priority = text::to_lower(config.get_config(section, "PRIORITY"));
   channel.socket_path = config.get_config(section, "SOCKET");

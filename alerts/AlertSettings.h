@@ -10,8 +10,21 @@
 
 enum class WebhookFormat { Json, Slack };
 
+// The kinds of channel; each has one section and one name, the key of its
+// delivery rows.
+enum class ChannelKind { webhook, exec, syslog };
+
 struct ChannelSettings {
-  std::string name;   // "webhook", "exec" or "syslog": the key of its delivery rows
+  ChannelKind kind = ChannelKind::webhook;
+  // "webhook", "exec" or "syslog"
+  std::string name() const {
+    switch (kind) {
+      case ChannelKind::webhook: return "webhook";
+      case ChannelKind::exec: return "exec";
+      case ChannelKind::syslog: break;
+    }
+    return "syslog";
+  }
   std::string error;  // empty when the section can be used
   int timeout_seconds = 0;
   // webhook

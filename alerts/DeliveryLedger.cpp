@@ -103,7 +103,9 @@ std::vector<std::string> DeliveryLedger::postpone_due(const std::string& channel
   st.bind(6, kRetryWindowSeconds);
   std::vector<std::string> given_up;
   db_.visit_records_prepared(st, [&](const auto& cursor) {
-    if (std::string(cursor.text(1)) == "2") given_up.push_back(cursor.text(0));
+    if (std::strtol(cursor.text(1), nullptr, 10) == static_cast<int>(alert_sql::DeliveryState::given_up)) {
+      given_up.push_back(cursor.text(0));
+    }
   });
   return given_up;
 }

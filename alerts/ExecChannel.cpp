@@ -16,7 +16,10 @@ SendResult ExecChannel::send(const AlertMessage& message) {
 }
 
 std::unique_ptr<AlertChannel> AlertChannel::make(const ChannelSettings& settings) {
-  if (settings.name == "webhook") return std::make_unique<WebhookChannel>(settings);
-  if (settings.name == "exec") return std::make_unique<ExecChannel>(settings);
+  switch (settings.kind) {
+    case ChannelKind::webhook: return std::make_unique<WebhookChannel>(settings);
+    case ChannelKind::exec: return std::make_unique<ExecChannel>(settings);
+    case ChannelKind::syslog: break;
+  }
   return std::make_unique<SyslogChannel>(settings);
 }

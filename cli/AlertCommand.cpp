@@ -97,7 +97,7 @@ int run_alert_test(int argc, char** argv) {
   const AlertMessage message = AlertMessage::test(settings.console_url, std::time(nullptr));
   bool all_delivered = true;
   for (const ChannelSettings& channel : settings.channels) {
-    std::cout << padded(channel.name);
+    std::cout << padded(channel.name());
     if (!channel.usable()) {
       std::cout << "configuration error: " << channel.error << "\n";
       all_delivered = false;

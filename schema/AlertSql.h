@@ -6,6 +6,14 @@
 
 namespace alert_sql {
 
+// ALERT_DELIVERY.STATE, as the texts below write and test it.
+enum class DeliveryState {
+  waiting = 0,    // not delivered yet (failed attempts are counted in ATTEMPTS)
+  delivered = 1,
+  given_up = 2,   // failed for the whole retry window
+  withdrawn = 3,  // an operator handled the anomaly before the alert went out
+};
+
 inline constexpr const char* kCountAlertTables =
     "SELECT COUNT(*) AS N FROM sqlite_master WHERE type = 'table' AND name IN ('ALERT_CHANNEL', 'ALERT_DELIVERY')";
 
