@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "contract/AnomalyPayload.h"
+#include "contract/PayloadMembers.h"
 #include "operator/DetectorDatabase.h"
 #include "storage/Statement.h"
 #include "util/Text.h"
@@ -79,10 +80,11 @@ void AnomalyStore::visit_anomalies(const Filter& filter, const std::function<voi
 std::vector<AnomalyRecord> AnomalyStore::summaries() const {
   // A payload that is not JSON, or whose summary is not text, gives an
   // empty summary, as reading it with Jansson would.
+  const std::string summary = payload_members::attribute_path(payload_members::kSummary);
   Statement st(db_->handle,
                "SELECT ANOMALY_UNIQUE_ID, CLIENT, DETECTION_TIME, CASE WHEN json_valid(ANOMALY_PAYLOAD) THEN CASE WHEN "
-               "json_type(ANOMALY_PAYLOAD, '$.Attributes.summary') = 'text' THEN json_extract(ANOMALY_PAYLOAD, "
-               "'$.Attributes.summary') END END AS SUMMARY FROM ANOMALY_DATA ORDER BY DETECTION_TIME DESC, rowid DESC");
+               "json_type(ANOMALY_PAYLOAD, '" + summary + "') = 'text' THEN json_extract(ANOMALY_PAYLOAD, '" + summary +
+               "') END END AS SUMMARY FROM ANOMALY_DATA ORDER BY DETECTION_TIME DESC, rowid DESC");
   std::vector<AnomalyRecord> records;
   db_->visit_records_prepared(st, [&](const auto& cursor) {
     AnomalyRecord& record = records.emplace_back();

@@ -16,9 +16,9 @@ long long integer(const char* text) { return std::strtoll(text, nullptr, 10); }
 
 // The one number a query yields in its first column (0 for no row); a ? in
 // the text takes since.
-long long single_number(DBAccess& db, const char* sql, double since = 0) {
+long long single_number(DBAccess& db, const std::string& sql, double since = 0) {
   Statement st(db.handle, sql);
-  if (std::string(sql).find('?') != std::string::npos) st.bind(1, since);
+  if (sql.find('?') != std::string::npos) st.bind(1, since);
   long long n = 0;
   db.visit_records_prepared(st, [&](const RecordCursor& cursor) { n = integer(cursor.text(0)); });
   return n;

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "contract/BusyTimeout.h"
+#include "contract/WorkloadKey.h"
 #include "schema/AnomalySchema.h"
 #include "schema/ReplaySql.h"
 #include "service/DetectionService.h"
@@ -89,7 +90,7 @@ std::unique_ptr<DBAccess> open_copy(const std::string& path) {
 
 void bind_workload(Statement& st, const Row& job) {
   int index = 1;
-  for (const char* column : replay_sql::kWorkloadColumns) {
+  for (const char* column : workload_key::kColumns) {
     const auto found = job.find(column);
     st.bind(index++, found == job.end() ? std::string() : found->second.text());
   }

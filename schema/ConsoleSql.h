@@ -8,6 +8,9 @@
 
 #include <string>
 
+#include "contract/PayloadMembers.h"
+#include "contract/WorkloadKey.h"
+
 namespace console_sql {
 
 // Status figures: each yields one row with one column named N.
@@ -15,9 +18,8 @@ inline constexpr const char* kPendingJobs = "SELECT COUNT(*) AS N FROM DATA_TO_P
 inline constexpr const char* kAwaitingVerdict =
     "SELECT COUNT(*) AS N FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 1";
 inline constexpr const char* kHistoryRows = "SELECT COUNT(*) AS N FROM HIST_DATA";
-inline constexpr const char* kWorkloads =
-    "SELECT COUNT(*) AS N FROM (SELECT DISTINCT CLIENT, POLICY, POLICY_TYPE, APP_TYPE, SCHEDULE_TYPE, "
-    "SCHEDULE_NAME, DESTINATION_STORAGE_NAME, ASSET_ID FROM HIST_DATA)";
+inline const std::string kWorkloads =
+    "SELECT COUNT(*) AS N FROM (SELECT DISTINCT " + workload_key::column_list_with_storage() + " FROM HIST_DATA)";
 inline constexpr const char* kCalibratedModels = "SELECT COUNT(*) AS N FROM DBSCAN_MODEL_PARAMS";
 inline constexpr const char* kAnomaliesSince = "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE DETECTION_TIME >= ?";
 inline constexpr const char* kAnomaliesTotal = "SELECT COUNT(*) AS N FROM ANOMALY_DATA";
@@ -54,8 +56,8 @@ inline std::string state_of(const std::string& t) {
 // payload is not JSON (json_extract would fail the whole query on one
 // damaged row).
 inline std::string payload_member(const std::string& t, const char* member) {
-  return "CASE WHEN json_valid(" + t + ".ANOMALY_PAYLOAD) THEN json_extract(" + t +
-         ".ANOMALY_PAYLOAD, '$.Attributes." + member + "') END";
+  return "CASE WHEN json_valid(" + t + ".ANOMALY_PAYLOAD) THEN json_extract(" + t + ".ANOMALY_PAYLOAD, '" +
+         payload_members::attribute_path(member) + "') END";
 }
 
 // The list's filter over the rows aliased t. ?1 client and ?2 policy
@@ -63,7 +65,7 @@ inline std::string payload_member(const std::string& t, const char* member) {
 // ?5 the state (-1 for any). Each test is skipped when its parameter says
 // "any", so an unfiltered list computes neither payload members nor states.
 inline std::string list_filter(const std::string& t) {
-  return "(?1 = '' OR lower(" + t + ".CLIENT) = ?1) AND (?2 = '' OR lower(" + payload_member(t, "policyName") +
+  return "(?1 = '' OR lower(" + t + ".CLIENT) = ?1) AND (?2 = '' OR lower(" + payload_member(t, payload_members::kPolicyName) +
          ") = ?2) AND " + t + ".DETECTION_TIME >= ?3 AND " + t + ".DETECTION_TIME < ?4 AND (?5 < 0 OR (" +
          state_of(t) + ") = ?5)";
 }
@@ -75,8 +77,8 @@ inline std::string list_filter(const std::string& t) {
 // for its rows only.
 inline const std::string kListPage =
     "SELECT a.ANOMALY_UNIQUE_ID AS ID, a.CLIENT AS CLIENT, a.DETECTION_TIME AS DETECTION_TIME, " +
-    payload_member("a", "policyName") + " AS POLICY, " + payload_member("a", "summary") + " AS SUMMARY, " +
-    payload_member("a", "score") + " AS SCORE, " + state_of("a") +
+    payload_member("a", payload_members::kPolicyName) + " AS POLICY, " + payload_member("a", payload_members::kSummary) + " AS SUMMARY, " +
+    payload_member("a", payload_members::kScore) + " AS SCORE, " + state_of("a") +
     " AS STATE FROM (SELECT p.rowid AS R FROM ANOMALY_DATA p WHERE " + list_filter("p") +
     " ORDER BY R DESC LIMIT ?6 OFFSET ?7) page JOIN ANOMALY_DATA a ON a.rowid = page.R ORDER BY page.R DESC";
 

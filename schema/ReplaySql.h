@@ -2,7 +2,7 @@
 // workload: the detector's real database is attached read-only as "source"
 // and only read; everything is written to the in-memory copy ("main").
 // WORKLOAD stands for the six workload columns, bound as ?1 .. ?6 in the
-// order of kWorkloadColumns.
+// order of workload_key::kColumns.
 #pragma once
 
 namespace replay_sql {
@@ -14,9 +14,7 @@ inline constexpr const char* kSourceTables =
 inline constexpr int kDetectorTableCount = 5;
 inline constexpr const char* kSourceJob = "SELECT rowid AS QUEUE_ROW, * FROM source.DATA_TO_PROCESS WHERE UNIQUE_KEY = ?";
 
-// The columns that make a workload, in binding order.
-inline constexpr const char* kWorkloadColumns[] = {"CLIENT", "POLICY", "POLICY_TYPE",
-                                                   "APP_TYPE", "SCHEDULE_TYPE", "SCHEDULE_NAME"};
+// ?1 to ?6: the workload's columns, in the order of workload_key::kColumns.
 inline constexpr const char* kWorkload =
     "CLIENT = ?1 AND POLICY = ?2 AND POLICY_TYPE = ?3 AND APP_TYPE = ?4 AND SCHEDULE_TYPE = ?5 AND SCHEDULE_NAME = ?6";
 // Users' verdicts on jobs of the workload, which the next pass folds in first.

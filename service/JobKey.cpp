@@ -1,5 +1,7 @@
 #include "service/JobKey.h"
 
+#include "contract/WorkloadKey.h"
+
 namespace job_key {
 
 Value cell(const Row& row, const std::string& column) {
@@ -18,7 +20,9 @@ Texts texts_of(const Row& row, std::initializer_list<const char*> columns) {
 }
 
 Texts history_key(const Row& job) {
-  return texts_of(job, {"CLIENT", "POLICY", "POLICY_TYPE", "APP_TYPE", "SCHEDULE_TYPE", "SCHEDULE_NAME"});
+  Texts texts;
+  for (const char* column : workload_key::kColumns) texts.push_back(cell(job, column).text());
+  return texts;
 }
 
 Texts model_key(const Row& job) {
