@@ -13,18 +13,24 @@
 #include "operator/TimeText.h"
 #include "util/Json.h"
 
-const char* const kAnomaliesHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "--json", .help = "one JSON object per line, with the whole stored payload"},
+     {.name = "--client", .value_name = "NAME", .help = "only this client (letter case ignored)"},
+     {.name = "--since",
+      .value_name = "DATE",
+      .help = "only anomalies detected at or after DATE, local time,\nas YYYY-MM-DD or 'YYYY-MM-DD HH:MM[:SS]'"},
+     {.name = "--limit", .value_name = "N", .help = "at most N anomalies (default 100)", .whole = WholeRange{1, 1000000000}}},
+    1,
+    1};
+
+const std::string kAnomaliesHelp =
     "usage: tsanomalyctl anomalies DB [--json] [--client NAME] [--since DATE] [--limit N]\n"
     "\n"
     "Lists the reported anomalies, newest first: id, client, policy, detection\n"
     "time, summary (the features that left their usual range) and score (the\n"
     "distance to the nearest cluster of normal jobs; larger is stranger).\n"
-    "\n"
-    "  --json          one JSON object per line, with the whole stored payload\n"
-    "  --client NAME   only this client (letter case ignored)\n"
-    "  --since DATE    only anomalies detected at or after DATE, local time,\n"
-    "                  as YYYY-MM-DD or 'YYYY-MM-DD HH:MM[:SS]'\n"
-    "  --limit N       at most N anomalies (default 100)\n";
+    "\n" +
+    CommandArgs::options_help(kSyntax.options);
 
 namespace {
 
@@ -85,9 +91,9 @@ void print_json_lines(const std::vector<AnomalyRecord>& records) {
 }  // namespace
 
 int run_anomalies(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{"--json"}, {"--client", "--since", "--limit"}, 1, 1});
+  CommandArgs args(argc, argv, kSyntax);
   AnomalyStore::Filter filter;
-  filter.limit = args.integer("--limit", kDefaultLimit, 1, 1000000000);
+  filter.limit = args.integer("--limit", kDefaultLimit);
   filter.client = args.value("--client");
   if (auto exit_code = args.help_or_usage_error("anomalies", kAnomaliesHelp)) return *exit_code;
   if (const auto since = args.value("--since")) {

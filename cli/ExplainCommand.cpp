@@ -12,7 +12,19 @@
 #include "replay/JudgementReplay.h"
 #include "util/Json.h"
 
-const char* const kExplainHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "-config_file", .value_name = "INI", .help = "the service's configuration file"},
+     {.name = "-eps", .value_name = "E", .help = "the service's -eps", .number = NumberRange{-1e300, 1e300}},
+     {.name = "-min_samples",
+      .value_name = "N",
+      .help = "the service's -min_samples (default 3)",
+      .whole = WholeRange{3, 1000000}},
+     {.name = "--json",
+      .help = "one JSON object: outcome (history, anomaly, pending, processed),\nreason, and the details above"}},
+    2,
+    2};
+
+const std::string kExplainHelp =
     "usage: tsanomalyctl explain DB UNIQUE_KEY [-config_file INI] [-eps E] [-min_samples N] [--json]\n"
     "\n"
     "Shows how the next detection pass would judge the job UNIQUE_KEY of\n"
@@ -26,9 +38,8 @@ const char* const kExplainHelp =
     "It runs the detector's own pass on an in-memory copy of the job's workload;\n"
     "DB is opened read-only and never changed, also while the service runs.\n"
     "Give the service's -config_file, -eps and -min_samples for its judgement.\n"
-    "\n"
-    "  --json   one JSON object: outcome (history, anomaly, pending, processed),\n"
-    "           reason, and the details above\n"
+    "\n" +
+    CommandArgs::options_help(kSyntax.options) +
     "\n"
     "Exit status: 0 explained, 1 DB or the job could not be read, 2 bad arguments.\n";
 
@@ -176,12 +187,12 @@ void print_json(const Judgement& j) {
 }  // namespace
 
 int run_explain(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{"--json"}, {"-config_file", "-eps", "-min_samples"}, 2, 2});
+  CommandArgs args(argc, argv, kSyntax);
   if (auto exit_code = args.help_or_usage_error("explain", kExplainHelp)) return *exit_code;
   ReplaySettings settings;
   settings.config_file = args.value("-config_file").value_or("");
-  settings.eps = args.number("-eps", 0.0, -1e300, 1e300);
-  settings.min_samples = static_cast<int>(args.integer("-min_samples", 3, 3, 1000000));
+  settings.eps = args.number("-eps", 0.0);
+  settings.min_samples = static_cast<int>(args.integer("-min_samples", 3));
   if (auto exit_code = args.help_or_usage_error("explain", kExplainHelp)) return *exit_code;
   try {
     const Judgement judgement = replay_judgement(args.positional()[0], args.positional()[1], settings);

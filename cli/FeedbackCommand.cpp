@@ -14,7 +14,9 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
 
-const char* const kFeedbackHelp =
+const CommandArgs::Syntax kSyntax{{}, 2, 2};
+
+const std::string kFeedbackHelp =
     "usage: tsanomalyctl feedback DB ANOMALY_ID\n"
     "\n"
     "Reports the anomaly ANOMALY_ID (as listed by 'tsanomalyctl anomalies') as a\n"
@@ -40,7 +42,7 @@ void record_verdict(DBAccess& db, const std::string& id) {
 }  // namespace
 
 int run_feedback(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{}, {}, 2, 2});
+  CommandArgs args(argc, argv, kSyntax);
   if (auto exit_code = args.help_or_usage_error("feedback", kFeedbackHelp)) return *exit_code;
   const std::string path = args.positional()[0];
   const std::string id = args.positional()[1];
