@@ -1,16 +1,15 @@
 #include "alerts/AlertMessage.h"
 
-#include <jansson.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
+#include <utility>
 
 #include "platform/LocalTime.h"
 #include "platform/VisibleText.h"
 #include "contract/AnomalyPayload.h"
+#include "util/Json.h"
 #include "util/Text.h"
 
 namespace {
@@ -102,13 +101,7 @@ std::string details(const AnomalyAlert& a) {
   return text;
 }
 
-struct JsonDeleter {
-  void operator()(json_t* json) const { json_decref(json); }
-};
-using Json = std::unique_ptr<json_t, JsonDeleter>;
-
-void set(json_t* object, const char* key, json_t* value) { json_object_set_new(object, key, value); }
-json_t* string_or_null(const std::string& text) { return text.empty() ? json_null() : json_string(text.c_str()); }
+Json string_or_null(const std::string& text) { return text.empty() ? Json::null() : Json::string(text); }
 
 std::string utc_text(time_t t) {
   struct tm parts {};
@@ -118,46 +111,42 @@ std::string utc_text(time_t t) {
   return buffer;
 }
 
-json_t* feature_json(const AlertFeature& f) {
-  json_t* object = json_object();
-  set(object, "name", json_string(lower_title(*f.info).c_str()));
-  set(object, "value", json_real(f.current));
-  set(object, "usual_min", json_real(f.low));
-  set(object, "usual_max", json_real(f.high));
-  set(object, "unit", json_string(unit_suffix(f.info->unit)[0] ? unit_suffix(f.info->unit) + 1 : ""));
-  set(object, "change_percent", f.change_percent ? json_real(std::round(*f.change_percent)) : json_null());
+Json feature_json(const AlertFeature& f) {
+  Json object = Json::object();
+  object.set("name", Json::string(lower_title(*f.info)));
+  object.set("value", Json::real(f.current));
+  object.set("usual_min", Json::real(f.low));
+  object.set("usual_max", Json::real(f.high));
+  object.set("unit", Json::string(unit_suffix(f.info->unit)[0] ? unit_suffix(f.info->unit) + 1 : ""));
+  object.set("change_percent", f.change_percent ? Json::real(std::round(*f.change_percent)) : Json::null());
   return object;
 }
 
 // The document of one anomaly, without its texts (the caller adds them).
-json_t* anomaly_json(const AnomalyAlert& a) {
-  json_t* object = json_object();
-  set(object, "id", json_string(a.id.c_str()));
-  set(object, "client", json_string(a.client.c_str()));
-  set(object, "policy", json_string(a.policy.c_str()));
-  set(object, "policy_type", json_string(a.policy_type.c_str()));
-  set(object, "schedule", json_string(a.schedule.c_str()));
-  set(object, "storage", json_string(a.storage.c_str()));
-  set(object, "detection_time", json_string(utc_text(a.detection_time).c_str()));
+Json anomaly_json(const AnomalyAlert& a) {
+  Json object = Json::object();
+  object.set("id", Json::string(a.id));
+  object.set("client", Json::string(a.client));
+  object.set("policy", Json::string(a.policy));
+  object.set("policy_type", Json::string(a.policy_type));
+  object.set("schedule", Json::string(a.schedule));
+  object.set("storage", Json::string(a.storage));
+  object.set("detection_time", Json::string(utc_text(a.detection_time)));
   char* end = nullptr;
   const double score = std::strtod(a.score.c_str(), &end);
-  set(object, "score", end != a.score.c_str() && *end == '\0' && std::isfinite(score) ? json_real(score) : json_null());
-  json_t* features = json_array();
-  for (const AlertFeature& f : a.features) json_array_append_new(features, feature_json(f));
-  set(object, "features", features);
-  set(object, "link", string_or_null(a.link));
+  object.set("score", end != a.score.c_str() && *end == '\0' && std::isfinite(score) ? Json::real(score) : Json::null());
+  Json features = Json::array();
+  for (const AlertFeature& f : a.features) features.append(feature_json(f));
+  object.set("features", std::move(features));
+  object.set("link", string_or_null(a.link));
   return object;
 }
 
-std::string dump(json_t* document, const std::string& type, const AlertMessage& message) {
-  Json owner(document);
-  set(document, "type", json_string(type.c_str()));
-  set(document, "summary", json_string(message.line.c_str()));
-  set(document, "text", json_string(message.text.c_str()));
-  char* text = json_dumps(document, JSON_COMPACT | JSON_REAL_PRECISION(15));
-  std::string result = text != nullptr ? text : "{}";
-  std::free(text);
-  return result;
+std::string dump(Json document, const std::string& type, const AlertMessage& message) {
+  document.set("type", Json::string(type));
+  document.set("summary", Json::string(message.line));
+  document.set("text", Json::string(message.text));
+  return document.dump({.compact = true, .real_precision = 15});
 }
 
 }  // namespace
@@ -218,24 +207,24 @@ AlertMessage AlertMessage::summary(const std::vector<AnomalyAlert>& alerts) {
   // The same batch, sent again after a crash, carries the same key.
   message.key = "summary:" + (alerts.empty() ? std::string() : alerts.front().id) + ":" + std::to_string(alerts.size());
   message.text = "\n";
-  json_t* list = json_array();
+  Json list = Json::array();
   for (std::size_t i = 0; i < alerts.size(); ++i) {
     const AnomalyAlert& a = alerts[i];
     if (i < kNamedInLine) message.line += (i ? ", " : "") + a.client + kDot + a.policy;
     if (i < kListedInText) message.text += headline(a) + (a.link.empty() ? "" : "  " + a.link) + "\n";
-    json_t* item = anomaly_json(a);
-    set(item, "summary", json_string(headline(a).c_str()));
-    json_array_append_new(list, item);
+    Json item = anomaly_json(a);
+    item.set("summary", Json::string(headline(a)));
+    list.append(std::move(item));
   }
   if (alerts.size() > kNamedInLine) message.line += " and " + std::to_string(alerts.size() - kNamedInLine) + " more";
   if (alerts.size() > kListedInText) {
     message.text += "\u2026 and " + std::to_string(alerts.size() - kListedInText) + " more\n";
   }
   message.text = message.line + message.text;
-  json_t* document = json_object();
-  set(document, "count", json_integer(static_cast<json_int_t>(alerts.size())));
-  set(document, "anomalies", list);
-  message.json = dump(document, "summary", message);
+  Json document = Json::object();
+  document.set("count", Json::integer(alerts.size()));
+  document.set("anomalies", std::move(list));
+  message.json = dump(std::move(document), "summary", message);
   return message;
 }
 
@@ -245,10 +234,10 @@ AlertMessage AlertMessage::test(const std::string& console_url, time_t now) {
   message.line = "tsanomalydetect alert test: this channel works (no anomaly was found)";
   message.text = message.line + "\nsent " + local_time_text(now) + " by 'tsanomalyctl alert-test'\n";
   if (!console_url.empty()) message.text += shown(console_url) + "\n";
-  json_t* document = json_object();
-  set(document, "id", json_string(message.key.c_str()));
-  set(document, "detection_time", json_string(utc_text(now).c_str()));
-  set(document, "link", string_or_null(shown(console_url)));
-  message.json = dump(document, "test", message);
+  Json document = Json::object();
+  document.set("id", Json::string(message.key));
+  document.set("detection_time", Json::string(utc_text(now)));
+  document.set("link", string_or_null(shown(console_url)));
+  message.json = dump(std::move(document), "test", message);
   return message;
 }

@@ -1,12 +1,11 @@
 #include "alerts/WebhookChannel.h"
 
 #include <curl/curl.h>
-#include <jansson.h>
 
-#include <cstdlib>
 #include <memory>
 
 #include "platform/VisibleText.h"
+#include "util/Json.h"
 
 namespace {
 
@@ -34,12 +33,9 @@ std::unique_ptr<curl_slist, HeaderListDeleter> headers(const ChannelSettings& se
 
 std::string WebhookChannel::body(WebhookFormat format, const AlertMessage& message) {
   if (format == WebhookFormat::Json) return message.json;
-  json_t* document = json_pack("{s:s}", "text", message.text.c_str());
-  char* text = json_dumps(document, JSON_COMPACT);
-  std::string result = text != nullptr ? text : "{}";
-  std::free(text);
-  json_decref(document);
-  return result;
+  Json document = Json::object();
+  document.set("text", Json::string(message.text));
+  return document.dump({.compact = true});
 }
 
 SendResult WebhookChannel::send(const AlertMessage& message) {

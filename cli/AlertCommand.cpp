@@ -15,7 +15,13 @@
 #include "alerts/AlertCycle.h"
 #include "alerts/AlertLog.h"
 
-const char* const kAlertHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "--config", .value_name = "INI", .help = "the configuration file (required)"},
+     {.name = "--once", .help = "run one cycle and exit: 0, or 1 when DB could not be used"}},
+    1,
+    1};
+
+const std::string kAlertHelp =
     "usage: tsanomalyctl alert DB --config INI [--once]\n"
     "\n"
     "Sends an alert for every anomaly the detector reports into DB, through each\n"
@@ -30,17 +36,20 @@ const char* const kAlertHelp =
     "for 24 hours, then given up. An anomaly reported as a false positive or\n"
     "acknowledged before its alert went out is not alerted. Runs until SIGTERM\n"
     "or SIGINT; logs to standard error.\n"
-    "\n"
-    "  --config INI   the configuration file (required)\n"
-    "  --once         run one cycle and exit: 0, or 1 when DB could not be used\n";
+    "\n" +
+    CommandArgs::options_help(kSyntax.options);
 
-const char* const kAlertTestHelp =
+const CommandArgs::Syntax kTestSyntax{{{.name = "--config", .value_name = "INI", .help = "the configuration file"}}, 0, 0};
+
+const std::string kAlertTestHelp =
     "usage: tsanomalyctl alert-test --config INI\n"
     "\n"
     "Sends one test alert (no anomaly) through every channel configured in INI\n"
     "and prints each channel's result, to check the set-up. It works whatever\n"
     "DISABLE_ALERT_SERVICE says and touches no database. Exit status 0 when\n"
-    "every configured channel took the alert, 1 otherwise.\n";
+    "every configured channel took the alert, 1 otherwise.\n"
+    "\n" +
+    CommandArgs::options_help(kTestSyntax.options);
 
 namespace {
 
@@ -60,7 +69,7 @@ std::string padded(const std::string& name) { return name + std::string(name.siz
 }  // namespace
 
 int run_alert(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{"--once"}, {"--config"}, 1, 1});
+  CommandArgs args(argc, argv, kSyntax);
   if (auto exit_code = args.help_or_usage_error("alert", kAlertHelp)) return *exit_code;
   std::optional<int> exit_code;
   const auto config = config_path(args, "alert", exit_code);
@@ -81,7 +90,7 @@ int run_alert(int argc, char** argv) {
 }
 
 int run_alert_test(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{}, {"--config"}, 0, 0});
+  CommandArgs args(argc, argv, kTestSyntax);
   if (auto exit_code = args.help_or_usage_error("alert-test", kAlertTestHelp)) return *exit_code;
   std::optional<int> exit_code;
   const auto config = config_path(args, "alert-test", exit_code);

@@ -4,8 +4,10 @@
 // tsanomalyctl alert-test: one test alert through every configured channel.
 #pragma once
 
-extern const char* const kAlertHelp;
-extern const char* const kAlertTestHelp;
+#include <string>
+
+extern const std::string kAlertHelp;
+extern const std::string kAlertTestHelp;
 
 // Exit status 0; with --once 1 when the database could not be used; 2 for
 // bad arguments.

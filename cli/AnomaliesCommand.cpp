@@ -1,7 +1,5 @@
 #include "cli/AnomaliesCommand.h"
 
-#include <jansson.h>
-
 #include <algorithm>
 #include <iostream>
 #include <string>
@@ -13,20 +11,26 @@
 #include "cli/CommandArgs.h"
 #include "operator/ErrorText.h"
 #include "operator/TimeText.h"
-#include "util/Text.h"
+#include "util/Json.h"
 
-const char* const kAnomaliesHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "--json", .help = "one JSON object per line, with the whole stored payload"},
+     {.name = "--client", .value_name = "NAME", .help = "only this client (letter case ignored)"},
+     {.name = "--since",
+      .value_name = "DATE",
+      .help = "only anomalies detected at or after DATE, local time,\nas YYYY-MM-DD or 'YYYY-MM-DD HH:MM[:SS]'"},
+     {.name = "--limit", .value_name = "N", .help = "at most N anomalies (default 100)", .whole = WholeRange{1, 1000000000}}},
+    1,
+    1};
+
+const std::string kAnomaliesHelp =
     "usage: tsanomalyctl anomalies DB [--json] [--client NAME] [--since DATE] [--limit N]\n"
     "\n"
     "Lists the reported anomalies, newest first: id, client, policy, detection\n"
     "time, summary (the features that left their usual range) and score (the\n"
     "distance to the nearest cluster of normal jobs; larger is stranger).\n"
-    "\n"
-    "  --json          one JSON object per line, with the whole stored payload\n"
-    "  --client NAME   only this client (letter case ignored)\n"
-    "  --since DATE    only anomalies detected at or after DATE, local time,\n"
-    "                  as YYYY-MM-DD or 'YYYY-MM-DD HH:MM[:SS]'\n"
-    "  --limit N       at most N anomalies (default 100)\n";
+    "\n" +
+    CommandArgs::options_help(kSyntax.options);
 
 namespace {
 
@@ -69,35 +73,27 @@ void print_table(const std::vector<AnomalyRecord>& records) {
   for (const auto& row : cells) print_row(row);
 }
 
-// JSON text must be UTF-8: a name or payload that is not keeps its member,
-// with U+FFFD for each byte that is not UTF-8.
-json_t* json_text(const std::string& text) { return json_string(text::as_utf8(text).c_str()); }
-
 void print_json_lines(const std::vector<AnomalyRecord>& records) {
   for (const AnomalyRecord& r : records) {
-    json_t* line = json_object();
-    json_object_set_new(line, "id", json_text(r.id));
-    json_object_set_new(line, "client", json_text(r.client));
-    json_object_set_new(line, "policy", json_text(r.policy));
-    json_object_set_new(line, "detection_time", json_string(local_time_text(r.detection_time).c_str()));
-    json_object_set_new(line, "detection_epoch", json_integer(static_cast<json_int_t>(r.detection_time)));
-    json_object_set_new(line, "summary", json_text(r.summary));
-    json_object_set_new(line, "score", json_text(r.score));
-    json_t* payload = json_loads(text::as_utf8(r.payload).c_str(), 0, nullptr);
-    json_object_set_new(line, "payload", payload != nullptr ? payload : json_text(r.payload));
-    char* text = json_dumps(line, JSON_COMPACT | JSON_PRESERVE_ORDER);
-    std::cout << (text != nullptr ? text : "{}") << "\n";
-    free(text);
-    json_decref(line);
+    Json line = Json::object();
+    line.set("id", Json::string(r.id));
+    line.set("client", Json::string(r.client));
+    line.set("policy", Json::string(r.policy));
+    line.set("detection_time", Json::string(local_time_text(r.detection_time)));
+    line.set("detection_epoch", Json::integer(r.detection_time));
+    line.set("summary", Json::string(r.summary));
+    line.set("score", Json::string(r.score));
+    line.set("payload", Json::parsed_or_string(r.payload));
+    std::cout << line.dump({.compact = true, .keep_order = true}) << "\n";
   }
 }
 
 }  // namespace
 
 int run_anomalies(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{"--json"}, {"--client", "--since", "--limit"}, 1, 1});
+  CommandArgs args(argc, argv, kSyntax);
   AnomalyStore::Filter filter;
-  filter.limit = args.integer("--limit", kDefaultLimit, 1, 1000000000);
+  filter.limit = args.integer("--limit", kDefaultLimit);
   filter.client = args.value("--client");
   if (auto exit_code = args.help_or_usage_error("anomalies", kAnomaliesHelp)) return *exit_code;
   if (const auto since = args.value("--since")) {

@@ -2,5 +2,7 @@
 // aligned table or as JSON lines.
 #pragma once
 
-extern const char* const kAnomaliesHelp;
+#include <string>
+
+extern const std::string kAnomaliesHelp;
 int run_anomalies(int argc, char** argv);

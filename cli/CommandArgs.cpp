@@ -1,13 +1,39 @@
 #include "cli/CommandArgs.h"
 #include "util/Text.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
+#include <utility>
 
-CommandArgs::CommandArgs(int argc, char** argv, const Grammar& grammar) {
+namespace {
+
+std::string label(const CommandOption& option) {
+  std::string text = option.name;
+  if (!option.alias.empty()) text += ", " + option.alias;
+  if (!option.value_name.empty()) text += " " + option.value_name;
+  return text;
+}
+
+CommandArgs::Syntax syntax_of(const CommandArgs::Grammar& grammar) {
+  CommandArgs::Syntax syntax{{}, grammar.min_positional, grammar.max_positional};
+  for (const std::string& name : grammar.flags) syntax.options.push_back({.name = name});
+  for (const std::string& name : grammar.valued) syntax.options.push_back({.name = name, .value_name = "VALUE"});
+  return syntax;
+}
+
+}  // namespace
+
+CommandArgs::CommandArgs(int argc, char** argv, Syntax syntax) : syntax_(std::move(syntax)) { parse(argc, argv); }
+
+CommandArgs::CommandArgs(int argc, char** argv, const Grammar& grammar) : syntax_(syntax_of(grammar)) {
+  parse(argc, argv);
+}
+
+void CommandArgs::parse(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
@@ -18,18 +44,17 @@ CommandArgs::CommandArgs(int argc, char** argv, const Grammar& grammar) {
       positional_.push_back(arg);
       continue;
     }
-    std::string inline_value;
-    bool has_inline_value = false;
+    std::optional<std::string> inline_value;
     if (const auto eq = arg.find('='); eq != std::string::npos) {
       inline_value = arg.substr(eq + 1);
       arg = arg.substr(0, eq);
-      has_inline_value = true;
     }
-    if (grammar.flags.count(arg) != 0 && !has_inline_value) {
-      flags_.insert(arg);
-    } else if (grammar.valued.count(arg) != 0) {
-      if (has_inline_value) {
-        values_[arg] = inline_value;
+    const CommandOption* option = find(arg);
+    if (option != nullptr && option->value_name.empty() && !inline_value) {
+      flags_.insert(option->name);
+    } else if (option != nullptr && !option->value_name.empty()) {
+      if (inline_value) {
+        values_[arg] = *inline_value;
       } else if (i + 1 < argc) {
         values_[arg] = argv[++i];
       } else {
@@ -39,11 +64,27 @@ CommandArgs::CommandArgs(int argc, char** argv, const Grammar& grammar) {
       fail("unknown option " + arg);
     }
   }
-  if (positional_.size() < grammar.min_positional) {
+  if (positional_.size() < syntax_.min_positional) {
     fail("missing argument");
-  } else if (positional_.size() > grammar.max_positional) {
-    fail("unexpected argument '" + positional_[grammar.max_positional] + "'");
+  } else if (positional_.size() > syntax_.max_positional) {
+    fail("unexpected argument '" + positional_[syntax_.max_positional] + "'");
   }
+}
+
+const CommandOption* CommandArgs::find(const std::string& spelling) const {
+  const auto found = std::find_if(syntax_.options.begin(), syntax_.options.end(), [&](const CommandOption& o) {
+    return o.name == spelling || (!o.alias.empty() && o.alias == spelling);
+  });
+  return found == syntax_.options.end() ? nullptr : &*found;
+}
+
+const CommandOption& CommandArgs::declared(const std::string& name, bool valued) const {
+  const CommandOption* option = find(name);
+  if (option == nullptr || option->value_name.empty() == valued) {
+    throw std::logic_error("the command reads " + std::string(valued ? "option " : "flag ") + name +
+                           ", which it does not declare as one");
+  }
+  return *option;
 }
 
 void CommandArgs::fail(const std::string& message) {
@@ -52,12 +93,20 @@ void CommandArgs::fail(const std::string& message) {
   }
 }
 
+bool CommandArgs::flag(const std::string& name) const { return flags_.count(declared(name, false).name) != 0; }
+
 std::optional<std::string> CommandArgs::value(const std::string& name) const {
-  const auto found = values_.find(name);
-  if (found == values_.end()) {
-    return std::nullopt;
+  const CommandOption& option = declared(name, true);
+  for (const std::string& spelling : {option.name, option.alias}) {
+    if (const auto found = values_.find(spelling); found != values_.end()) return found->second;
   }
-  return found->second;
+  return std::nullopt;
+}
+
+long long CommandArgs::integer(const std::string& name, long long fallback) {
+  const CommandOption& option = declared(name, true);
+  if (!option.whole) throw std::logic_error("the command reads " + name + " as a whole number, undeclared");
+  return integer(name, fallback, option.whole->min, option.whole->max);
 }
 
 long long CommandArgs::integer(const std::string& name, long long fallback, long long min, long long max) {
@@ -72,6 +121,12 @@ long long CommandArgs::integer(const std::string& name, long long fallback, long
     return fallback;
   }
   return *parsed;
+}
+
+double CommandArgs::number(const std::string& name, double fallback) {
+  const CommandOption& option = declared(name, true);
+  if (!option.number) throw std::logic_error("the command reads " + name + " as a number, undeclared");
+  return number(name, fallback, option.number->min, option.number->max);
 }
 
 double CommandArgs::number(const std::string& name, double fallback, double min, double max) {
@@ -90,7 +145,21 @@ double CommandArgs::number(const std::string& name, double fallback, double min,
   return parsed;
 }
 
-std::optional<int> CommandArgs::help_or_usage_error(const char* command, const char* help_text) const {
+std::string CommandArgs::options_help(const std::vector<CommandOption>& options) {
+  std::size_t width = 0;
+  for (const CommandOption& option : options) width = std::max(width, label(option).size());
+  const std::string indent(2 + width + 2, ' ');
+  std::string text;
+  for (const CommandOption& option : options) {
+    const std::string name = label(option);
+    text += "  " + name + std::string(width - name.size() + 2, ' ');
+    for (const char c : option.help) text += c == '\n' ? "\n" + indent : std::string(1, c);
+    text += "\n";
+  }
+  return text;
+}
+
+std::optional<int> CommandArgs::help_or_usage_error(const std::string& command, const std::string& help_text) const {
   if (help_) {
     std::cout << help_text;
     return 0;

@@ -1,7 +1,9 @@
 // CommandArgs: the arguments of one tsanomalyctl command, checked against
-// the options the command declares. Options are "--name value",
-// "--name=value" or bare "--flag"; everything else is positional. Every
-// problem becomes an error message for the operator, never an exception.
+// the options the command declares once (CommandOption), from which its
+// --help lists them too. Options are "--name value", "--name=value" or bare
+// "--flag"; everything else is positional. Every problem in the arguments
+// becomes an error message for the operator; reading an option the command
+// never declared is a bug in the command and throws std::logic_error.
 #pragma once
 
 #include <map>
@@ -10,8 +12,32 @@
 #include <string>
 #include <vector>
 
+struct WholeRange {
+  long long min;
+  long long max;
+};
+struct NumberRange {
+  double min;
+  double max;
+};
+
+struct CommandOption {
+  std::string name;                     // e.g. "--limit"
+  std::string value_name{};             // e.g. "N"; empty for a flag
+  std::string help{};                   // its --help text; each '\n' starts a line under the first
+  std::string alias{};                  // another spelling, e.g. "--output" for "-o"
+  std::optional<WholeRange> whole{};    // a whole number within this range
+  std::optional<NumberRange> number{};  // a number within this range
+};
+
 class CommandArgs {
  public:
+  struct Syntax {
+    std::vector<CommandOption> options;
+    std::size_t min_positional = 0;
+    std::size_t max_positional = 0;
+  };
+  // The bare shape, for a command without help texts.
   struct Grammar {
     std::set<std::string> flags;        // e.g. "--json", "--force"
     std::set<std::string> valued;       // e.g. "--client", "-o"
@@ -20,37 +46,49 @@ class CommandArgs {
   };
 
   // argv[0] is the command's name. "--help" / "-h" anywhere sets help().
+  CommandArgs(int argc, char** argv, Syntax syntax);
   CommandArgs(int argc, char** argv, const Grammar& grammar);
+
+  // The options section of a command's --help: one entry per option, its
+  // text in a column after the widest name.
+  static std::string options_help(const std::vector<CommandOption>& options);
 
   bool ok() const { return error_.empty(); }
   const std::string& error() const { return error_; }
   bool help() const { return help_; }
 
   const std::vector<std::string>& positional() const { return positional_; }
-  bool flag(const std::string& name) const { return flags_.count(name) != 0; }
+  bool flag(const std::string& name) const;
   std::optional<std::string> value(const std::string& name) const;
 
-  // The option as a whole number within [min, max], or fallback when it is
-  // absent. A malformed or out-of-range value records an error (see ok()).
+  // The option as a whole number / a number within its declared range, or
+  // within [min, max]; fallback when it is absent. A malformed or
+  // out-of-range value records an error (see ok()).
+  long long integer(const std::string& name, long long fallback);
   long long integer(const std::string& name, long long fallback, long long min, long long max);
+  double number(const std::string& name, double fallback);
   double number(const std::string& name, double fallback, double min, double max);
 
   // What every command does first: with --help prints help_text to standard
   // output and answers 0; after a usage error prints it, with a pointer to
   // --help, to standard error and answers 2; otherwise answers nothing and
   // the command goes on. Call it again after reading numeric options.
-  std::optional<int> help_or_usage_error(const char* command, const char* help_text) const;
+  std::optional<int> help_or_usage_error(const std::string& command, const std::string& help_text) const;
 
   // Prints a usage error of the command the way every command words it and
   // answers the exit status for it, 2.
   static int usage_error(const std::string& command, const std::string& message);
 
  private:
+  void parse(int argc, char** argv);
+  const CommandOption* find(const std::string& spelling) const;
+  const CommandOption& declared(const std::string& name, bool valued) const;
   void fail(const std::string& message);
 
+  Syntax syntax_;
   std::vector<std::string> positional_;
   std::set<std::string> flags_;
-  std::map<std::string, std::string> values_;
+  std::map<std::string, std::string> values_;  // by the spelling given
   std::string error_;
   bool help_ = false;
 };

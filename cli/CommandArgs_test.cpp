@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -76,4 +77,69 @@ TEST(CommandArgs, SingleDashIsPositional) {
   auto args = parse({"-"}, kGrammar);
   EXPECT_TRUE(args.ok());
   EXPECT_EQ(args.positional(), (std::vector<std::string>{"-"}));
+}
+
+namespace {
+
+const CommandArgs::Syntax kDeclared{
+    {{.name = "--json", .help = "one object per line"},
+     {.name = "-o", .value_name = "FILE", .help = "where to write\nthe page", .alias = "--output"},
+     {.name = "--limit", .value_name = "N", .help = "at most N", .whole = WholeRange{1, 100}},
+     {.name = "-eps", .value_name = "E", .help = "eps", .number = NumberRange{0.0, 2.0}}},
+    0,
+    1};
+
+CommandArgs declared(std::vector<std::string> args) {
+  args.insert(args.begin(), "cmd");
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(arg.data());
+  return CommandArgs(static_cast<int>(argv.size()), argv.data(), kDeclared);
+}
+
+}  // namespace
+
+TEST(CommandArgs, ReadingAnUndeclaredOptionThrows) {
+  auto args = declared({"--limit", "5"});
+  EXPECT_THROW(args.value("--limt"), std::logic_error);
+  EXPECT_THROW(args.flag("--jsn"), std::logic_error);
+  EXPECT_THROW(args.integer("--limt", 10), std::logic_error);
+  EXPECT_THROW(args.number("-esp", 1.0), std::logic_error);
+}
+
+TEST(CommandArgs, ReadingAnOptionAsTheWrongKindThrows) {
+  auto args = declared({"--json"});
+  EXPECT_THROW(args.value("--json"), std::logic_error);
+  EXPECT_THROW(args.flag("--limit"), std::logic_error);
+  EXPECT_THROW(args.integer("-eps", 1), std::logic_error);
+  EXPECT_THROW(args.number("--limit", 1.0), std::logic_error);
+  EXPECT_THROW(args.integer("-o", 1), std::logic_error);
+}
+
+TEST(CommandArgs, DeclaredRangesBoundTheValues) {
+  auto args = declared({"--limit", "101"});
+  EXPECT_EQ(args.integer("--limit", 10), 10);
+  EXPECT_EQ(args.error(), "--limit takes a whole number from 1 to 100, not '101'");
+  auto eps = declared({"-eps", "1.5", "--limit", "7"});
+  EXPECT_EQ(eps.number("-eps", 0.0), 1.5);
+  EXPECT_EQ(eps.integer("--limit", 10), 7);
+  EXPECT_TRUE(eps.ok()) << eps.error();
+  auto far = declared({"-eps", "2.5"});
+  far.number("-eps", 0.0);
+  EXPECT_FALSE(far.ok());
+}
+
+TEST(CommandArgs, AnAliasReadsAsItsOption) {
+  EXPECT_EQ(declared({"--output", "a.html"}).value("-o"), "a.html");
+  EXPECT_EQ(declared({"--output=b.html"}).value("--output"), "b.html");
+  EXPECT_EQ(declared({"-o", "first", "--output", "second"}).value("-o"), "first");
+  EXPECT_EQ(declared({}).value("-o"), std::nullopt);
+}
+
+TEST(CommandArgs, OptionsHelpAlignsTheTextsAfterTheWidestName) {
+  EXPECT_EQ(CommandArgs::options_help(kDeclared.options),
+            "  --json             one object per line\n"
+            "  -o, --output FILE  where to write\n"
+            "                     the page\n"
+            "  --limit N          at most N\n"
+            "  -eps E             eps\n");
 }

@@ -17,18 +17,18 @@
 namespace {
 
 const Command kCommands[] = {
-    {"init", "create a detector database", kInitHelp, run_init},
-    {"detect", "run one detection pass now", kDetectHelp, run_detect},
-    {"anomalies", "list reported anomalies, newest first", kAnomaliesHelp, run_anomalies},
-    {"feedback", "report an anomaly as a false positive", kFeedbackHelp, run_feedback},
-    {"explain", "show how a job of the queue is judged, step by step", kExplainHelp, run_explain},
-    {"report", "write an HTML page of the anomalies with charts", kReportHelp, run_report},
-    {"serve", "serve the operator console: pages, JSON API, metrics", kServeHelp, run_serve},
-    {"status", "queue, history, models and recent anomalies", kStatusHelp, run_status},
-    {"simulate", "fill a database with synthetic backup jobs", kSimulateHelp, run_simulate},
-    {"upgrade", "compare a database with the detector's schema; add what is missing", kUpgradeHelp, run_upgrade},
-    {"alert", "send alerts for new anomalies (the alert process)", kAlertHelp, run_alert},
-    {"alert-test", "send a test alert through every configured channel", kAlertTestHelp, run_alert_test},
+    {"init", "create a detector database", run_init},
+    {"detect", "run one detection pass now", run_detect},
+    {"anomalies", "list reported anomalies, newest first", run_anomalies},
+    {"feedback", "report an anomaly as a false positive", run_feedback},
+    {"explain", "show how a job of the queue is judged, step by step", run_explain},
+    {"report", "write an HTML page of the anomalies with charts", run_report},
+    {"serve", "serve the operator console: pages, JSON API, metrics", run_serve},
+    {"status", "queue, history, models and recent anomalies", run_status},
+    {"simulate", "fill a database with synthetic backup jobs", run_simulate},
+    {"upgrade", "compare a database with the detector's schema; add what is missing", run_upgrade},
+    {"alert", "send alerts for new anomalies (the alert process)", run_alert},
+    {"alert-test", "send a test alert through every configured channel", run_alert_test},
 };
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The operator tool's commands: a name, a one-line summary, a help text and
-// the function that runs it (given its own name as argument 0).
+// The operator tool's commands: a name, a one-line summary and the function
+// that runs it (given its own name as argument 0).
 #pragma once
 
 #include <ostream>
@@ -7,7 +7,6 @@
 struct Command {
   const char* name;
   const char* summary;
-  const char* help;
   int (*run)(int argc, char** argv);
 };
 

@@ -2,7 +2,9 @@
 // options, debug log and service object; the start-up banner is not printed.
 #pragma once
 
-extern const char* const kDetectHelp;
+#include <string>
+
+extern const std::string kDetectHelp;
 
 // Exit status 0 after the pass, 1 when the debug log cannot be opened.
 int run_detect(int argc, char** argv);

@@ -1,19 +1,30 @@
 #include "cli/ExplainCommand.h"
 
-#include <jansson.h>
-
 #include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <string>
+#include <utility>
 
 #include "platform/VisibleText.h"
 #include "cli/CommandArgs.h"
 #include "operator/ErrorText.h"
 #include "replay/JudgementReplay.h"
-#include "util/Text.h"
+#include "util/Json.h"
 
-const char* const kExplainHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "-config_file", .value_name = "INI", .help = "the service's configuration file"},
+     {.name = "-eps", .value_name = "E", .help = "the service's -eps", .number = NumberRange{-1e300, 1e300}},
+     {.name = "-min_samples",
+      .value_name = "N",
+      .help = "the service's -min_samples (default 3)",
+      .whole = WholeRange{3, 1000000}},
+     {.name = "--json",
+      .help = "one JSON object: outcome (history, anomaly, pending, processed),\nreason, and the details above"}},
+    2,
+    2};
+
+const std::string kExplainHelp =
     "usage: tsanomalyctl explain DB UNIQUE_KEY [-config_file INI] [-eps E] [-min_samples N] [--json]\n"
     "\n"
     "Shows how the next detection pass would judge the job UNIQUE_KEY of\n"
@@ -27,9 +38,8 @@ const char* const kExplainHelp =
     "It runs the detector's own pass on an in-memory copy of the job's workload;\n"
     "DB is opened read-only and never changed, also while the service runs.\n"
     "Give the service's -config_file, -eps and -min_samples for its judgement.\n"
-    "\n"
-    "  --json   one JSON object: outcome (history, anomaly, pending, processed),\n"
-    "           reason, and the details above\n"
+    "\n" +
+    CommandArgs::options_help(kSyntax.options) +
     "\n"
     "Exit status: 0 explained, 1 DB or the job could not be read, 2 bad arguments.\n";
 
@@ -115,80 +125,74 @@ void print_human(const Judgement& j) {
   if (!j.payload.empty()) std::cout << "Payload: " << visible_text(j.payload) << "\n";
 }
 
-json_t* text(const std::string& s) { return json_string(text::as_utf8(s).c_str()); }
-
-json_t* training_json(const Judgement& j) {
-  json_t* training = json_object();
-  json_object_set_new(training, "set", text(j.training == TrainingKind::full ? "storage" : "fallback"));
-  json_object_set_new(training, "size", json_integer(static_cast<json_int_t>(j.training_size)));
-  json_object_set_new(training, "minimum", json_integer(j.min_required));
-  json_object_set_new(training, "limit", json_integer(j.training_limit));
-  json_t* features = json_array();
-  for (const std::string& name : j.features) json_array_append_new(features, text(name));
-  json_object_set_new(training, "features", features);
-  json_object_set_new(training, "calibration_due", json_boolean(j.calibration_due));
-  if (j.stored_eps) json_object_set_new(training, "stored_eps", json_real(*j.stored_eps));
+Json training_json(const Judgement& j) {
+  Json training = Json::object();
+  training.set("set", Json::string(j.training == TrainingKind::full ? "storage" : "fallback"));
+  training.set("size", Json::integer(j.training_size));
+  training.set("minimum", Json::integer(j.min_required));
+  training.set("limit", Json::integer(j.training_limit));
+  Json features = Json::array();
+  for (const std::string& name : j.features) features.append(Json::string(name));
+  training.set("features", std::move(features));
+  training.set("calibration_due", Json::boolean(j.calibration_due));
+  if (j.stored_eps) training.set("stored_eps", Json::real(*j.stored_eps));
   return training;
 }
 
-json_t* clustering_json(const Judgement& j) {
-  json_t* clustering = json_object();
-  json_object_set_new(clustering, "eps", json_real(j.model_eps));
-  json_object_set_new(clustering, "adjusted_eps", json_real(j.adjusted_eps));
-  json_object_set_new(clustering, "label", json_integer(j.label));
+Json clustering_json(const Judgement& j) {
+  Json clustering = Json::object();
+  clustering.set("eps", Json::real(j.model_eps));
+  clustering.set("adjusted_eps", Json::real(j.adjusted_eps));
+  clustering.set("label", Json::integer(j.label));
   if (j.nearest) {
-    json_object_set_new(clustering, "nearest_cluster", json_integer(j.nearest->cluster_id));
-    json_object_set_new(clustering, "distance", json_real(j.nearest->distance));
+    clustering.set("nearest_cluster", Json::integer(j.nearest->cluster_id));
+    clustering.set("distance", Json::real(j.nearest->distance));
   }
-  json_t* readings = json_array();
+  Json readings = Json::array();
   for (const FeatureReading& r : j.readings) {
-    json_t* reading = json_object();
-    json_object_set_new(reading, "feature", text(r.column));
-    json_object_set_new(reading, "value", json_real(r.value));
+    Json reading = Json::object();
+    reading.set("feature", Json::string(r.column));
+    reading.set("value", Json::real(r.value));
     if (r.usual) {
-      json_object_set_new(reading, "usual_min", json_real(r.usual->first));
-      json_object_set_new(reading, "usual_max", json_real(r.usual->second));
+      reading.set("usual_min", Json::real(r.usual->first));
+      reading.set("usual_max", Json::real(r.usual->second));
     }
-    json_object_set_new(reading, "in_range", json_boolean(r.in_range));
-    json_array_append_new(readings, reading);
+    reading.set("in_range", Json::boolean(r.in_range));
+    readings.append(std::move(reading));
   }
-  json_object_set_new(clustering, "features", readings);
+  clustering.set("features", std::move(readings));
   return clustering;
 }
 
 void print_json(const Judgement& j) {
-  json_t* root = json_object();
-  json_object_set_new(root, "unique_key", text(j.unique_key));
-  json_object_set_new(root, "outcome", text(j.outcome));
-  json_object_set_new(root, "reason", text(j.reason));
-  if (!j.hint.empty()) json_object_set_new(root, "hint", text(j.hint));
-  json_object_set_new(root, "reported_already", json_boolean(j.reported_already));
-  json_object_set_new(root, "verdicts_folded_first", json_integer(j.verdicts_first));
-  json_object_set_new(root, "earlier_pending_jobs", json_integer(j.earlier_pending));
-  json_t* steps = json_array();
-  for (const auto& step : j.steps) json_array_append_new(steps, text(step.second));
-  json_object_set_new(root, "steps", steps);
-  if (j.training != TrainingKind::none) json_object_set_new(root, "training", training_json(j));
-  if (j.clustered) json_object_set_new(root, "clustering", clustering_json(j));
+  Json root = Json::object();
+  root.set("unique_key", Json::string(j.unique_key));
+  root.set("outcome", Json::string(j.outcome));
+  root.set("reason", Json::string(j.reason));
+  if (!j.hint.empty()) root.set("hint", Json::string(j.hint));
+  root.set("reported_already", Json::boolean(j.reported_already));
+  root.set("verdicts_folded_first", Json::integer(j.verdicts_first));
+  root.set("earlier_pending_jobs", Json::integer(j.earlier_pending));
+  Json steps = Json::array();
+  for (const auto& step : j.steps) steps.append(Json::string(step.second));
+  root.set("steps", std::move(steps));
+  if (j.training != TrainingKind::none) root.set("training", training_json(j));
+  if (j.clustered) root.set("clustering", clustering_json(j));
   if (!j.payload.empty()) {
-    json_t* payload = json_loads(text::as_utf8(j.payload).c_str(), 0, nullptr);
-    json_object_set_new(root, "payload", payload != nullptr ? payload : text(j.payload));
+    root.set("payload", Json::parsed_or_string(j.payload));
   }
-  char* dumped = json_dumps(root, JSON_COMPACT | JSON_PRESERVE_ORDER);
-  std::cout << dumped << "\n";
-  free(dumped);
-  json_decref(root);
+  std::cout << root.dump({.compact = true, .keep_order = true}) << "\n";
 }
 
 }  // namespace
 
 int run_explain(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{"--json"}, {"-config_file", "-eps", "-min_samples"}, 2, 2});
+  CommandArgs args(argc, argv, kSyntax);
   if (auto exit_code = args.help_or_usage_error("explain", kExplainHelp)) return *exit_code;
   ReplaySettings settings;
   settings.config_file = args.value("-config_file").value_or("");
-  settings.eps = args.number("-eps", 0.0, -1e300, 1e300);
-  settings.min_samples = static_cast<int>(args.integer("-min_samples", 3, 3, 1000000));
+  settings.eps = args.number("-eps", 0.0);
+  settings.min_samples = static_cast<int>(args.integer("-min_samples", 3));
   if (auto exit_code = args.help_or_usage_error("explain", kExplainHelp)) return *exit_code;
   try {
     const Judgement judgement = replay_judgement(args.positional()[0], args.positional()[1], settings);

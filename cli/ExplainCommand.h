@@ -2,5 +2,7 @@
 // (or would be, at the next pass), step by step, without changing anything.
 #pragma once
 
-extern const char* const kExplainHelp;
+#include <string>
+
+extern const std::string kExplainHelp;
 int run_explain(int argc, char** argv);

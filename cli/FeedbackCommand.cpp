@@ -7,7 +7,9 @@
 #include "operator/ErrorText.h"
 #include "operator/Verdict.h"
 
-const char* const kFeedbackHelp =
+const CommandArgs::Syntax kSyntax{{}, 2, 2};
+
+const std::string kFeedbackHelp =
     "usage: tsanomalyctl feedback DB ANOMALY_ID\n"
     "\n"
     "Reports the anomaly ANOMALY_ID (as listed by 'tsanomalyctl anomalies') as a\n"
@@ -18,7 +20,7 @@ const char* const kFeedbackHelp =
     "has left the detection queue, since no pass could learn it any more.\n";
 
 int run_feedback(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{}, {}, 2, 2});
+  CommandArgs args(argc, argv, kSyntax);
   if (auto exit_code = args.help_or_usage_error("feedback", kFeedbackHelp)) return *exit_code;
   const std::string path = args.positional()[0];
   const std::string id = args.positional()[1];

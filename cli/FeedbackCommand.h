@@ -2,5 +2,7 @@
 // reported anomaly; the next detection pass moves the job into the history.
 #pragma once
 
-extern const char* const kFeedbackHelp;
+#include <string>
+
+extern const std::string kFeedbackHelp;
 int run_feedback(int argc, char** argv);

@@ -20,7 +20,10 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::sqlite_exception;
 
-const char* const kInitHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "--force", .help = "create the tables also in a file that holds other tables"}}, 1, 1};
+
+const std::string kInitHelp =
     "usage: tsanomalyctl init DB [--force]\n"
     "\n"
     "Creates the detector's five tables (DATA_TO_PROCESS, HIST_DATA,\n"
@@ -30,7 +33,9 @@ const char* const kInitHelp =
     "DB must be a regular file or a new path: a symbolic link or a device is\n"
     "refused.\n"
     "Running it again on a detector database changes nothing. A file that holds\n"
-    "other tables is left alone unless --force is given.\n";
+    "other tables is left alone unless --force is given.\n"
+    "\n" +
+    CommandArgs::options_help(kSyntax.options);
 
 namespace {
 
@@ -75,7 +80,7 @@ std::string failure_text(const std::exception& e) {
 }  // namespace
 
 int run_init(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{"--force"}, {}, 1, 1});
+  CommandArgs args(argc, argv, kSyntax);
   if (auto exit_code = args.help_or_usage_error("init", kInitHelp)) return *exit_code;
   const std::string path = args.positional()[0];
   try {

@@ -2,5 +2,7 @@
 // into the tool, so it works from any folder.
 #pragma once
 
-extern const char* const kInitHelp;
+#include <string>
+
+extern const std::string kInitHelp;
 int run_init(int argc, char** argv);

@@ -12,6 +12,7 @@
 #include "tests/support/InProcessCommand.h"
 #include "tests/support/TempDir.h"
 #include "cli/AnomaliesCommand.h"
+#include "cli/DetectCommand.h"
 #include "cli/FeedbackCommand.h"
 #include "cli/InitCommand.h"
 #include "cli/StatusCommand.h"
@@ -133,6 +134,24 @@ TEST_F(OperatorCommandsTest, EveryCommandHasHelp) {
     EXPECT_EQ(help.exit_code, 0);
     EXPECT_EQ(help.out.rfind("usage: tsanomalyctl ", 0), 0u) << help.out;
   }
+}
+
+TEST_F(OperatorCommandsTest, DetectHelpListsTheServiceOptions) {
+  for (const char* asked : {"-h", "--help"}) {
+    const Outcome help = run(run_detect, {asked});
+    EXPECT_EQ(help.exit_code, 0);
+    EXPECT_EQ(help.out, kDetectHelp);
+    EXPECT_NE(help.out.find("  -min_samples N"), std::string::npos) << help.out;
+  }
+}
+
+TEST_F(OperatorCommandsTest, DetectRefusesAnUnknownOptionAsTheOtherCommandsDo) {
+  const Outcome misspelt = run(run_detect, {"-database_location", dir.path(), "-databse_file_name", "anomaly.db"});
+  EXPECT_EQ(misspelt.exit_code, 2);
+  EXPECT_EQ(misspelt.err,
+            "tsanomalyctl detect: unknown option -databse_file_name\nRun 'tsanomalyctl detect --help' for usage.\n");
+  EXPECT_EQ(misspelt.out, "");
+  EXPECT_EQ(run(run_detect, {"-database_location", dir.path(), "-verbose"}).exit_code, 2);
 }
 
 TEST_F(OperatorCommandsTest, AnomaliesOfAnEmptyDatabase) {

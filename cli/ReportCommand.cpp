@@ -17,7 +17,23 @@
 #include "report/HtmlReport.h"
 #include "util/SafeFile.h"
 
-const char* const kReportHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "-o",
+      .value_name = "FILE",
+      .help = "where to write the page (an existing file is replaced)",
+      .alias = "--output"},
+     {.name = "--limit",
+      .value_name = "N",
+      .help = "at most N cards (default 100); the summary counts all",
+      .whole = WholeRange{0, 1000000000}},
+     {.name = "--days",
+      .value_name = "D",
+      .help = "chart the D days of history before each job (default 180)",
+      .whole = WholeRange{1, 100000}}},
+    1,
+    1};
+
+const std::string kReportHelp =
     "usage: tsanomalyctl report DB -o FILE.html [--limit N] [--days D]\n"
     "\n"
     "Writes one HTML page about the anomalies in the detector database DB: a\n"
@@ -25,10 +41,8 @@ const char* const kReportHelp =
     "one card per anomaly, newest first, with a chart of the workload's history\n"
     "for every feature that left its usual range. The page is self-contained:\n"
     "no scripts, nothing fetched; open it in any browser, also offline.\n"
-    "\n"
-    "  -o, --output FILE  where to write the page (an existing file is replaced)\n"
-    "  --limit N          at most N cards (default 100); the summary counts all\n"
-    "  --days D           chart the D days of history before each job (default 180)\n";
+    "\n" +
+    CommandArgs::options_help(kSyntax.options);
 
 namespace {
 
@@ -66,11 +80,11 @@ std::optional<std::string> database_file_named(const std::string& database, cons
 }  // namespace
 
 int run_report(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{}, {"-o", "--output", "--limit", "--days"}, 1, 1});
-  const long long limit = args.integer("--limit", kDefaultLimit, 0, 1000000000);
-  const long long days = args.integer("--days", kDefaultDays, 1, 100000);
+  CommandArgs args(argc, argv, kSyntax);
+  const long long limit = args.integer("--limit", kDefaultLimit);
+  const long long days = args.integer("--days", kDefaultDays);
   if (auto exit_code = args.help_or_usage_error("report", kReportHelp)) return *exit_code;
-  const auto output = args.value("-o") ? args.value("-o") : args.value("--output");
+  const auto output = args.value("-o");
   if (!output) return usage_error("missing -o FILE.html: where to write the page");
   if (output->empty()) return usage_error("-o needs a file name");
   const std::string& database = args.positional()[0];

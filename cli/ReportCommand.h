@@ -3,7 +3,9 @@
 // for every feature that left its usual range.
 #pragma once
 
-extern const char* const kReportHelp;
+#include <string>
+
+extern const std::string kReportHelp;
 
 // Exit status 0 when the page was written, 2 for a usage error, 1 when the
 // database cannot be read or the page cannot be written.

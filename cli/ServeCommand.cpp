@@ -16,7 +16,25 @@
 #include "console/ConsoleServer.h"
 #include "console/ListenAddress.h"
 
-const char* const kServeHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "--listen",
+      .value_name = "ADDR:PORT",
+      .help = "where to listen (default 127.0.0.1:8470; port 0 picks a\nfree one). An address other than loopback needs\n"
+              "--token-file."},
+     {.name = "--token-file",
+      .value_name = "FILE",
+      .help = "the token, in a file only its owner may read; created\nwith a random token when missing (default: "
+              "DB.console-token)"},
+     {.name = "--tls-cert", .value_name = "FILE", .help = "serve HTTPS with this certificate (PEM) ..."},
+     {.name = "--tls-key", .value_name = "FILE", .help = "... and this private key"},
+     {.name = "-config_file",
+      .value_name = "INI",
+      .help = "the detector's configuration, with which the status page\ncounts the pending jobs the next pass cannot "
+              "judge\n(default: the built-in settings)"}},
+    1,
+    1};
+
+const std::string kServeHelp =
     "usage: tsanomalyctl serve DB [--listen ADDR:PORT] [--token-file FILE]\n"
     "                             [--tls-cert FILE --tls-key FILE] [-config_file INI]\n"
     "\n"
@@ -28,17 +46,8 @@ const char* const kServeHelp =
     "Every request but /metrics on a loopback address needs the token: the\n"
     "header 'Authorization: Bearer TOKEN' for the API, or, in a browser, the\n"
     "address printed at start-up ('.../?token=TOKEN'), which opens a session.\n"
-    "\n"
-    "  --listen ADDR:PORT  where to listen (default 127.0.0.1:8470; port 0 picks a\n"
-    "                      free one). An address other than loopback needs\n"
-    "                      --token-file.\n"
-    "  --token-file FILE   the token, in a file only its owner may read; created\n"
-    "                      with a random token when missing (default: DB.console-token)\n"
-    "  --tls-cert FILE     serve HTTPS with this certificate (PEM) ...\n"
-    "  --tls-key FILE      ... and this private key\n"
-    "  -config_file INI    the detector's configuration, with which the status page\n"
-    "                      counts the pending jobs the next pass cannot judge\n"
-    "                      (default: the built-in settings)\n"
+    "\n" +
+    CommandArgs::options_help(kSyntax.options) +
     "\n"
     "SIGTERM or SIGINT stops the server; it exits with status 0.\n";
 
@@ -108,7 +117,7 @@ int serve(ConsoleConfig config, const std::string& token_file) {
 }  // namespace
 
 int run_serve(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{}, {"--listen", "--token-file", "--tls-cert", "--tls-key", "-config_file"}, 1, 1});
+  CommandArgs args(argc, argv, kSyntax);
   if (auto exit_code = args.help_or_usage_error("serve", kServeHelp)) return *exit_code;
   ConsoleConfig config;
   config.database = args.positional()[0];

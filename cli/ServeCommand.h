@@ -2,5 +2,7 @@
 // the detector database. Stops cleanly on SIGTERM or SIGINT.
 #pragma once
 
-extern const char* const kServeHelp;
+#include <string>
+
+extern const std::string kServeHelp;
 int run_serve(int argc, char** argv);

@@ -16,7 +16,36 @@
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 
-const char* const kSimulateHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "--workloads",
+      .value_name = "N",
+      .help = "workloads, 1-20000 (default 50)",
+      .whole = WholeRange{1, BackupSimulator::kMaxWorkloads}},
+     {.name = "--days",
+      .value_name = "D",
+      .help = "days of history, 1-3650 (default 120); the detector\njudges a workload's jobs once it has 30 days",
+      .whole = WholeRange{1, BackupSimulator::kMaxDays}},
+     {.name = "--pending",
+      .value_name = "P",
+      .help = "jobs to queue, 0-1000000 (default 50)",
+      .whole = WholeRange{0, BackupSimulator::kMaxPending}},
+     {.name = "--anomalies",
+      .value_name = "PCT",
+      .help = "percent of the queued jobs made anomalous (default 5)",
+      .whole = WholeRange{0, 100}},
+     {.name = "--streams", .help = "make some workloads multi-stream: asset NA, streams 1-4"},
+     {.name = "--stream-share",
+      .value_name = "PCT",
+      .help = "percent of the workloads that are, with --streams\n(default 20; 100 makes all)",
+      .whole = WholeRange{0, 100}},
+     {.name = "--seed",
+      .value_name = "S",
+      .help = "the same seed and options give the same data (default 1)",
+      .whole = WholeRange{0, LLONG_MAX}}},
+    1,
+    1};
+
+const std::string kSimulateHelp =
     "usage: tsanomalyctl simulate DB [--workloads N] [--days D] [--pending P] [--anomalies PCT]\n"
     "                                [--streams] [--stream-share PCT] [--seed S]\n"
     "\n"
@@ -29,16 +58,8 @@ const char* const kSimulateHelp =
     "anomaly: a size spike, a file-count collapse, a dedup-rate drop or a duration\n"
     "blow-up. Those are listed in SIMULATED_ANOMALY (UNIQUE_KEY, KIND), a table the\n"
     "detector never reads, so that its findings can be checked.\n"
-    "\n"
-    "  --workloads N       workloads, 1-20000 (default 50)\n"
-    "  --days D            days of history, 1-3650 (default 120); the detector\n"
-    "                      judges a workload's jobs once it has 30 days\n"
-    "  --pending P         jobs to queue, 0-1000000 (default 50)\n"
-    "  --anomalies PCT     percent of the queued jobs made anomalous (default 5)\n"
-    "  --streams           make some workloads multi-stream: asset NA, streams 1-4\n"
-    "  --stream-share PCT  percent of the workloads that are, with --streams\n"
-    "                      (default 20; 100 makes all)\n"
-    "  --seed S            the same seed and options give the same data (default 1)\n"
+    "\n" +
+    CommandArgs::options_help(kSyntax.options) +
     "\n"
     "DB must not hold jobs yet. Exit status: 0 filled, 1 DB could not be filled,\n"
     "2 bad arguments.\n";
@@ -52,13 +73,13 @@ int usage_error(const std::string& message) { return CommandArgs::usage_error(kC
 // Reads the options; a malformed or out-of-range value is recorded in args.
 BackupSimulator::Settings read_settings(CommandArgs& args) {
   BackupSimulator::Settings s;
-  s.workloads = static_cast<int>(args.integer("--workloads", s.workloads, 1, BackupSimulator::kMaxWorkloads));
-  s.days = static_cast<int>(args.integer("--days", s.days, 1, BackupSimulator::kMaxDays));
-  s.pending = static_cast<int>(args.integer("--pending", s.pending, 0, BackupSimulator::kMaxPending));
-  s.anomaly_percent = static_cast<double>(args.integer("--anomalies", 5, 0, 100));
+  s.workloads = static_cast<int>(args.integer("--workloads", s.workloads));
+  s.days = static_cast<int>(args.integer("--days", s.days));
+  s.pending = static_cast<int>(args.integer("--pending", s.pending));
+  s.anomaly_percent = static_cast<double>(args.integer("--anomalies", 5));
   s.multi_stream = args.flag("--streams");
-  s.stream_share_percent = static_cast<double>(args.integer("--stream-share", 20, 0, 100));
-  s.seed = static_cast<std::uint64_t>(args.integer("--seed", static_cast<long long>(s.seed), 0, LLONG_MAX));
+  s.stream_share_percent = static_cast<double>(args.integer("--stream-share", 20));
+  s.seed = static_cast<std::uint64_t>(args.integer("--seed", static_cast<long long>(s.seed)));
   return s;
 }
 
@@ -128,9 +149,7 @@ void print_summary(const std::string& path, const BackupSimulator::Summary& summ
 }  // namespace
 
 int run_simulate(int argc, char** argv) {
-  CommandArgs args(
-      argc, argv,
-      {{"--streams"}, {"--workloads", "--days", "--pending", "--anomalies", "--stream-share", "--seed"}, 1, 1});
+  CommandArgs args(argc, argv, kSyntax);
   const BackupSimulator simulator(read_settings(args));
   if (auto exit_code = args.help_or_usage_error(kCommand, kSimulateHelp)) return *exit_code;
   if (const std::string problem = combination_problem(args, simulator); !problem.empty()) {

@@ -3,7 +3,9 @@
 // detector and we can benchmark it. Same seed and options, same data.
 #pragma once
 
-extern const char* const kSimulateHelp;
+#include <string>
+
+extern const std::string kSimulateHelp;
 
 // Exit status 0 when filled, 1 when the database cannot be filled (it already
 // holds jobs, or storage fails), 2 for bad arguments.

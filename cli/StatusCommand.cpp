@@ -14,7 +14,14 @@
 #include "upgrade/UpgradeAdvice.h"
 #include "operator/StatusFigures.h"
 
-const char* const kStatusHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "-config_file",
+      .value_name = "INI",
+      .help = "the configuration the service uses, to judge the pending jobs"}},
+    1,
+    1};
+
+const std::string kStatusHelp =
     "usage: tsanomalyctl status DB [-config_file INI]\n"
     "\n"
     "Shows the queue (jobs pending detection, and reported jobs awaiting an\n"
@@ -29,7 +36,9 @@ const char* const kStatusHelp =
     "\n"
     "When some pending jobs cannot be judged by the next pass (they would stay\n"
     "pending at every pass), it says how many and why, judged with the\n"
-    "configuration INI the service uses (-config_file; built-in defaults without).\n";
+    "configuration INI the service uses (-config_file; built-in defaults without).\n"
+    "\n" +
+    CommandArgs::options_help(kSyntax.options);
 
 namespace {
 
@@ -85,7 +94,7 @@ void print_alert_figures(const StatusFigures& figures) {
 }  // namespace
 
 int run_status(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{}, {"-config_file"}, 1, 1});
+  CommandArgs args(argc, argv, kSyntax);
   if (auto exit_code = args.help_or_usage_error("status", kStatusHelp)) return *exit_code;
   try {
     const std::string& path = args.positional()[0];

@@ -2,5 +2,7 @@
 // queue, history, models and recent anomalies.
 #pragma once
 
-extern const char* const kStatusHelp;
+#include <string>
+
+extern const std::string kStatusHelp;
 int run_status(int argc, char** argv);

@@ -22,20 +22,27 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::sqlite_exception;
 using Remedy = SchemaFinding::Remedy;
 
-const char* const kUpgradeHelp =
+const CommandArgs::Syntax kSyntax{
+    {{.name = "--apply",
+      .help = "create the missing indexes and triggers, all in one\ntransaction; no row is rewritten or removed"},
+     {.name = "--wal",
+      .help = "with --apply, also switch the journal to WAL; every\nprocess that uses DB must then run on this host"},
+     {.name = "--busy-timeout",
+      .value_name = "MS",
+      .help = "how long to wait for another connection's write,\n0-600000 ms (default 10000, as the detector waits)",
+      .whole = WholeRange{0, 600000}}},
+    1,
+    1};
+
+const std::string kUpgradeHelp =
     "usage: tsanomalyctl upgrade DB [--apply [--wal]] [--busy-timeout MS]\n"
     "\n"
     "Compares DB, a detector database the backup product made, with the\n"
     "detector's schema (the indexes, triggers and journal mode of anomaly_db.sql)\n"
     "and lists each difference with what it costs the detector. Indexes count by\n"
     "what they index, not by their name. Without --apply DB is only read.\n"
-    "\n"
-    "  --apply            create the missing indexes and triggers, all in one\n"
-    "                     transaction; no row is rewritten or removed\n"
-    "  --wal              with --apply, also switch the journal to WAL; every\n"
-    "                     process that uses DB must then run on this host\n"
-    "  --busy-timeout MS  how long to wait for another connection's write,\n"
-    "                     0-600000 ms (default 10000, as the detector waits)\n"
+    "\n" +
+    CommandArgs::options_help(kSyntax.options) +
     "\n"
     "A missing uniqueness or column is reported, never changed in place: a unique\n"
     "index fails on a table that already holds duplicates, and the tables are the\n"
@@ -48,7 +55,6 @@ const char* const kUpgradeHelp =
 namespace {
 
 constexpr const char* kCommand = "upgrade";
-constexpr int kMaxBusyTimeoutMs = 600000;
 constexpr const char* kOneHostRule =
     "every process that uses the file must run on this host (WAL shares memory through a file beside it)";
 
@@ -189,9 +195,8 @@ int apply(const std::string& path, int busy_timeout_ms, bool wal) {
 }  // namespace
 
 int run_upgrade(int argc, char** argv) {
-  CommandArgs args(argc, argv, {{"--apply", "--wal"}, {"--busy-timeout"}, 1, 1});
-  const int busy_timeout_ms =
-      static_cast<int>(args.integer("--busy-timeout", kBusyTimeoutMs, 0, kMaxBusyTimeoutMs));
+  CommandArgs args(argc, argv, kSyntax);
+  const int busy_timeout_ms = static_cast<int>(args.integer("--busy-timeout", kBusyTimeoutMs));
   if (auto exit_code = args.help_or_usage_error(kCommand, kUpgradeHelp)) return *exit_code;
   if (args.flag("--wal") && !args.flag("--apply")) return CommandArgs::usage_error(kCommand, "--wal goes with --apply");
   const std::string& path = args.positional()[0];

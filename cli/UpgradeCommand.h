@@ -4,5 +4,7 @@
 // a row, a table or anyone else's index.
 #pragma once
 
-extern const char* const kUpgradeHelp;
+#include <string>
+
+extern const std::string kUpgradeHelp;
 int run_upgrade(int argc, char** argv);

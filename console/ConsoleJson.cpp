@@ -1,174 +1,160 @@
 #include "console/ConsoleJson.h"
 
-#include <jansson.h>
-
-#include <cstdlib>
-#include <memory>
+#include <utility>
 
 #include "platform/LocalTime.h"
 #include "platform/VisibleText.h"
 #include "contract/Features.h"
 #include "report/HtmlReport.h"
-#include "util/Text.h"
+#include "util/Json.h"
 #include "console/UrlText.h"
 
 namespace console_json {
 namespace {
 
-using Json = std::unique_ptr<json_t, decltype(&json_decref)>;
+std::string dump(const Json& root) { return root.dump({.compact = true, .keep_order = true}); }
 
-json_t* text(const std::string& value) { return json_string(text::as_utf8(value).c_str()); }
-
-std::string dump(json_t* root) {
-  Json owner(root, json_decref);
-  char* out = json_dumps(root, JSON_COMPACT | JSON_PRESERVE_ORDER);
-  std::string result = out != nullptr ? out : "{}";
-  std::free(out);
-  return result;
+void set_time(Json& object, time_t t) {
+  object.set("detection_time", Json::string(local_time_text(t)));
+  object.set("detection_epoch", Json::integer(t));
 }
 
-void set_time(json_t* object, time_t t) {
-  json_object_set_new(object, "detection_time", json_string(local_time_text(t).c_str()));
-  json_object_set_new(object, "detection_epoch", json_integer(static_cast<json_int_t>(t)));
-}
-
-json_t* point(time_t t, double value) {
-  json_t* pair = json_array();
-  json_array_append_new(pair, json_integer(static_cast<json_int_t>(t)));
-  json_array_append_new(pair, json_real(value));
+Json point(time_t t, double value) {
+  Json pair = Json::array();
+  pair.append(Json::integer(t));
+  pair.append(Json::real(value));
   return pair;
 }
 
 // One feature out of range: its texts and the data its chart draws.
-json_t* feature(const std::string& member, const std::string& attribute, const WorkloadHistory& history) {
-  json_t* out = json_object();
-  json_object_set_new(out, "member", text(member));
-  json_object_set_new(out, "text", text(attribute));
+Json feature(const std::string& member, const std::string& attribute, const WorkloadHistory& history) {
+  Json out = Json::object();
+  out.set("member", Json::string(member));
+  out.set("text", Json::string(attribute));
   const FeatureInfo* info = feature_by_member(member);
-  if (info != nullptr) json_object_set_new(out, "title", json_string(info->title));
+  if (info != nullptr) out.set("title", Json::string(info->title));
   const auto chart = HtmlReport::chart_for(member, attribute, history);
   if (info == nullptr || !chart) return out;
-  json_t* data = json_object();
-  json_t* points = json_array();
-  for (const HistoryPoint& p : history.history) json_array_append_new(points, point(p.backup_time, p.features[info->feature]));
-  json_object_set_new(data, "history", points);
-  json_object_set_new(data, "job", point(history.job.backup_time, history.job.features[info->feature]));
+  Json data = Json::object();
+  Json points = Json::array();
+  for (const HistoryPoint& p : history.history) points.append(point(p.backup_time, p.features[info->feature]));
+  data.set("history", std::move(points));
+  data.set("job", point(history.job.backup_time, history.job.features[info->feature]));
   if (chart->usual()) {
-    json_t* usual = json_object();
-    json_object_set_new(usual, "low", json_real(chart->usual()->low));
-    json_object_set_new(usual, "high", json_real(chart->usual()->high));
-    json_object_set_new(data, "usual", usual);
+    Json usual = Json::object();
+    usual.set("low", Json::real(chart->usual()->low));
+    usual.set("high", Json::real(chart->usual()->high));
+    data.set("usual", std::move(usual));
   }
-  json_object_set_new(out, "chart", data);
+  out.set("chart", std::move(data));
   return out;
 }
 
 }  // namespace
 
 std::string anomaly_list(const std::vector<ListedAnomaly>& rows, const ListTotals& totals, const ListQuery& query) {
-  json_t* root = json_object();
-  json_t* items = json_array();
+  Json root = Json::object();
+  Json items = Json::array();
   for (const ListedAnomaly& row : rows) {
-    json_t* item = json_object();
-    json_object_set_new(item, "id", text(row.id));
-    json_object_set_new(item, "client", text(row.client));
-    json_object_set_new(item, "policy", text(row.policy));
+    Json item = Json::object();
+    item.set("id", Json::string(row.id));
+    item.set("client", Json::string(row.client));
+    item.set("policy", Json::string(row.policy));
     set_time(item, row.detection_time);
-    json_object_set_new(item, "summary", text(row.summary));
-    json_object_set_new(item, "score", text(row.score));
-    json_object_set_new(item, "state", json_string(state_info(row.state).slug));
-    json_object_set_new(item, "url", text(anomaly_path(row.id)));
-    json_array_append_new(items, item);
+    item.set("summary", Json::string(row.summary));
+    item.set("score", Json::string(row.score));
+    item.set("state", Json::string(state_info(row.state).slug));
+    item.set("url", Json::string(anomaly_path(row.id)));
+    items.append(std::move(item));
   }
-  json_object_set_new(root, "anomalies", items);
-  json_object_set_new(root, "total", json_integer(totals.anomalies));
-  json_object_set_new(root, "limit", json_integer(query.limit));
-  json_object_set_new(root, "offset", json_integer(query.offset));
+  root.set("anomalies", std::move(items));
+  root.set("total", Json::integer(totals.anomalies));
+  root.set("limit", Json::integer(query.limit));
+  root.set("offset", Json::integer(query.offset));
   return dump(root);
 }
 
 std::string anomaly(const AnomalyDetail& detail) {
   const AnomalyRecord& record = detail.record;
-  json_t* root = json_object();
-  json_object_set_new(root, "id", text(record.id));
-  json_object_set_new(root, "client", text(record.client));
-  json_object_set_new(root, "policy", text(record.policy));
-  json_object_set_new(root, "policy_type", text(record.policy_type));
-  json_object_set_new(root, "schedule_name", text(record.schedule_name));
-  json_object_set_new(root, "storage_name", text(record.storage_name));
+  Json root = Json::object();
+  root.set("id", Json::string(record.id));
+  root.set("client", Json::string(record.client));
+  root.set("policy", Json::string(record.policy));
+  root.set("policy_type", Json::string(record.policy_type));
+  root.set("schedule_name", Json::string(record.schedule_name));
+  root.set("storage_name", Json::string(record.storage_name));
   set_time(root, record.detection_time);
-  json_object_set_new(root, "state", json_string(state_info(detail.state).slug));
-  json_object_set_new(root, "summary", text(record.summary));
-  json_object_set_new(root, "score", text(record.score));
-  json_object_set_new(root, "job_in_queue", json_boolean(detail.history.job_found));
-  json_t* payload = json_loads(text::as_utf8(record.payload).c_str(), 0, nullptr);
-  json_object_set_new(root, "payload", payload != nullptr ? payload : text(record.payload));
-  json_t* features = json_array();
+  root.set("state", Json::string(state_info(detail.state).slug));
+  root.set("summary", Json::string(record.summary));
+  root.set("score", Json::string(record.score));
+  root.set("job_in_queue", Json::boolean(detail.history.job_found));
+  root.set("payload", Json::parsed_or_string(record.payload));
+  Json features = Json::array();
   for (const auto& [member, attribute] : record.attributes) {
-    json_array_append_new(features, feature(member, attribute, detail.history));
+    features.append(feature(member, attribute, detail.history));
   }
-  json_object_set_new(root, "features", features);
+  root.set("features", std::move(features));
   return dump(root);
 }
 
 std::string status(const StatusFigures& figures, const std::vector<std::pair<std::string, long long>>& per_day) {
-  json_t* root = json_object();
-  json_object_set_new(root, "pending_jobs", json_integer(figures.pending));
-  json_object_set_new(root, "awaiting_verdict", json_integer(figures.awaiting_verdict));
-  json_object_set_new(root, "history_rows", json_integer(figures.history_rows));
-  json_object_set_new(root, "workloads", json_integer(figures.workloads));
-  json_object_set_new(root, "history_counted_epoch", json_integer(static_cast<json_int_t>(figures.history_counted)));
-  json_object_set_new(root, "calibrated_models", json_integer(figures.models));
-  json_object_set_new(root, "newest_detection_epoch", json_integer(static_cast<json_int_t>(figures.newest_detection)));
-  json_t* states = json_object();
+  Json root = Json::object();
+  root.set("pending_jobs", Json::integer(figures.pending));
+  root.set("awaiting_verdict", Json::integer(figures.awaiting_verdict));
+  root.set("history_rows", Json::integer(figures.history_rows));
+  root.set("workloads", Json::integer(figures.workloads));
+  root.set("history_counted_epoch", Json::integer(figures.history_counted));
+  root.set("calibrated_models", Json::integer(figures.models));
+  root.set("newest_detection_epoch", Json::integer(figures.newest_detection));
+  Json states = Json::object();
   for (const AnomalyStateInfo& info : kAnomalyStates) {
-    json_object_set_new(states, info.slug, json_integer(figures.by_state[static_cast<int>(info.state)]));
+    states.set(info.slug, Json::integer(figures.by_state[static_cast<int>(info.state)]));
   }
-  json_object_set_new(root, "anomalies_by_state", states);
+  root.set("anomalies_by_state", std::move(states));
   if (figures.unjudgeable) {
-    json_t* unjudgeable = json_object();
-    json_object_set_new(unjudgeable, "unequal_features", json_integer(figures.unjudgeable->unequal_features));
-    json_object_set_new(unjudgeable, "features_disabled", json_integer(figures.unjudgeable->features_disabled));
-    json_object_set_new(unjudgeable, "pass_failed", json_integer(figures.unjudgeable->pass_failed));
-    json_object_set_new(root, "pending_jobs_not_judgeable", unjudgeable);
+    Json unjudgeable = Json::object();
+    unjudgeable.set("unequal_features", Json::integer(figures.unjudgeable->unequal_features));
+    unjudgeable.set("features_disabled", Json::integer(figures.unjudgeable->features_disabled));
+    unjudgeable.set("pass_failed", Json::integer(figures.unjudgeable->pass_failed));
+    root.set("pending_jobs_not_judgeable", std::move(unjudgeable));
   }
-  json_t* channels = json_array();
+  Json channels = Json::array();
   for (const ChannelFigures& c : figures.alert_channels) {
-    json_t* channel = json_object();
-    json_object_set_new(channel, "channel", text(c.channel));
-    json_object_set_new(channel, "delivered", json_integer(c.delivered));
-    json_object_set_new(channel, "failing", json_integer(c.failing));
-    json_object_set_new(channel, "given_up", json_integer(c.given_up));
-    json_object_set_new(channel, "oldest_undelivered_age_seconds",
-                        c.oldest_undelivered_age ? json_integer(*c.oldest_undelivered_age) : json_null());
-    json_array_append_new(channels, channel);
+    Json channel = Json::object();
+    channel.set("channel", Json::string(c.channel));
+    channel.set("delivered", Json::integer(c.delivered));
+    channel.set("failing", Json::integer(c.failing));
+    channel.set("given_up", Json::integer(c.given_up));
+    channel.set("oldest_undelivered_age_seconds",
+                c.oldest_undelivered_age ? Json::integer(*c.oldest_undelivered_age) : Json::null());
+    channels.append(std::move(channel));
   }
-  json_object_set_new(root, "alert_channels", channels);
-  json_t* days = json_array();
+  root.set("alert_channels", std::move(channels));
+  Json days = Json::array();
   for (const auto& [day, n] : per_day) {
-    json_t* item = json_object();
-    json_object_set_new(item, "day", json_string(day.c_str()));
-    json_object_set_new(item, "anomalies", json_integer(n));
-    json_array_append_new(days, item);
+    Json item = Json::object();
+    item.set("day", Json::string(day));
+    item.set("anomalies", Json::integer(n));
+    days.append(std::move(item));
   }
-  json_object_set_new(root, "anomalies_per_day", days);
+  root.set("anomalies_per_day", std::move(days));
   return dump(root);
 }
 
 std::string verdict(const std::string& id, VerdictOutcome outcome, AnomalyState state) {
-  json_t* root = json_object();
-  json_object_set_new(root, "id", text(id));
-  json_object_set_new(root, "changed", json_boolean(outcome == VerdictOutcome::recorded));
-  json_object_set_new(root, "state", json_string(state_info(state).slug));
+  Json root = Json::object();
+  root.set("id", Json::string(id));
+  root.set("changed", Json::boolean(outcome == VerdictOutcome::recorded));
+  root.set("state", Json::string(state_info(state).slug));
   return dump(root);
 }
 
 std::string error(int status, const std::string& message) {
-  json_t* body = json_object();
-  json_object_set_new(body, "status", json_integer(status));
-  json_object_set_new(body, "message", text(message));
-  json_t* root = json_object();
-  json_object_set_new(root, "error", body);
+  Json body = Json::object();
+  body.set("status", Json::integer(status));
+  body.set("message", Json::string(message));
+  Json root = Json::object();
+  root.set("error", std::move(body));
   return dump(root);
 }
 

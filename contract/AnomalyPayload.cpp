@@ -1,13 +1,12 @@
 #include "contract/AnomalyPayload.h"
 
-#include <jansson.h>
-
 #include <cstdlib>
 #include <iomanip>
 #include <sstream>
 
 #include "platform/LocalTime.h"
 #include "util/Int32.h"
+#include "util/Json.h"
 #include "util/Text.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
@@ -35,33 +34,15 @@ std::string cell_text(const Row& row, const char* column) {
   return found == row.end() ? std::string() : found->second.text();
 }
 
-void set_string(json_t* object, const char* key, const std::string& value) {
-  json_t* text = json_string(value.c_str());
-  // JSON text must be UTF-8; a name written in another encoding (Latin-1
-  // from an old client, say) keeps its readable part rather than vanishing.
-  if (text == nullptr) {
-    text = json_string(text::as_utf8(value).c_str());
-  }
-  json_object_set_new(object, key, text);
-}
-
-json_t* names_object(const Row& record) {
-  json_t* attributes = json_object();
+Json names_object(const Row& record) {
+  Json attributes = Json::object();
   const auto job = record.find("JOB_ID");
-  json_object_set_new(attributes, "jobid", json_integer(job == record.end() ? 0 : static_cast<int>(job->second)));
-  set_string(attributes, "clientName", cell_text(record, "CLIENT"));
-  set_string(attributes, "policyName", cell_text(record, "POLICY"));
-  set_string(attributes, "policyType", cell_text(record, "POLICY_TYPE"));
-  set_string(attributes, "scheduleName", cell_text(record, "SCHEDULE_NAME"));
+  attributes.set("jobid", Json::integer(job == record.end() ? 0 : static_cast<int>(job->second)));
+  attributes.set("clientName", Json::string(cell_text(record, "CLIENT")));
+  attributes.set("policyName", Json::string(cell_text(record, "POLICY")));
+  attributes.set("policyType", Json::string(cell_text(record, "POLICY_TYPE")));
+  attributes.set("scheduleName", Json::string(cell_text(record, "SCHEDULE_NAME")));
   return attributes;
-}
-
-std::string serialise(json_t* root) {
-  char* dumped = json_dumps(root, 0);
-  std::string document = dumped != nullptr ? dumped : "";
-  free(dumped);
-  json_decref(root);
-  return document;
 }
 
 std::string trim(const std::string& s) {
@@ -85,9 +66,8 @@ std::optional<double> number_with_unit(const std::string& s) {
   return value;
 }
 
-std::string member_text(json_t* object, const char* name) {
-  const char* value = json_string_value(json_object_get(object, name));
-  return value != nullptr ? value : "";
+std::string member_text(const Json& object, const char* name) {
+  return object.member(name).as_text().value_or("");
 }
 
 }  // namespace
@@ -121,12 +101,12 @@ std::string attribute_text(PayloadTextForm form, const anomaly_stat& stat) {
 
 std::string build(const Row& record, const AnomalyStats& stats, int full_feature_set, const std::string& id,
                   const ClosestClusterInfo& closest, time_t now) {
-  json_t* root = json_object();
-  set_string(root, "DetectionType", "dbscan");
-  set_string(root, "DetectionTime", detection_time_text(now));
-  set_string(root, "SizeUnit", kSizeUnit);
+  Json root = Json::object();
+  root.set("DetectionType", Json::string("dbscan"));
+  root.set("DetectionTime", Json::string(detection_time_text(now)));
+  root.set("SizeUnit", Json::string(kSizeUnit));
 
-  json_t* attributes = names_object(record);
+  Json attributes = names_object(record);
   int count = 0;
   std::string summary;
   for (const Feature f : kReportOrder) {
@@ -137,21 +117,21 @@ std::string build(const Row& record, const AnomalyStats& stats, int full_feature
     if (found == stats.end() || (!info.in_fallback_set && full_feature_set != 1)) {
       continue;
     }
-    set_string(attributes, info.payload_member, attribute_text(info.text_form, found->second));
+    attributes.set(info.payload_member, Json::string(attribute_text(info.text_form, found->second)));
     summary += std::string(info.summary_name) + ",";
     ++count;
   }
-  set_string(attributes, "anomalyFeedback", kFeedbackLabel);
-  set_string(attributes, "anomalyId", id);
+  attributes.set("anomalyFeedback", Json::string(kFeedbackLabel));
+  attributes.set("anomalyId", Json::string(id));
   if (!summary.empty()) {
     summary.pop_back();
   }
-  set_string(attributes, "summary", summary);
-  set_string(attributes, "count", std::to_string(count));
-  set_string(attributes, "score", fixed2(closest.distance));
-  set_string(attributes, "storageName", cell_text(record, "DESTINATION_STORAGE_NAME"));
-  json_object_set_new(root, "Attributes", attributes);
-  return serialise(root);
+  attributes.set("summary", Json::string(summary));
+  attributes.set("count", Json::string(std::to_string(count)));
+  attributes.set("score", Json::string(fixed2(closest.distance)));
+  attributes.set("storageName", Json::string(cell_text(record, "DESTINATION_STORAGE_NAME")));
+  root.set("Attributes", std::move(attributes));
+  return root.dump();
 }
 
 std::optional<Reading> parse_reading(const std::string& text) {
@@ -180,10 +160,10 @@ double text_to_stored(PayloadTextForm form) { return form == PayloadTextForm::Si
 
 Fields parse(const std::string& document) {
   Fields fields;
-  json_t* root = json_loads(document.c_str(), 0, nullptr);
+  const Json root = Json::parse(document);
   fields.detection_time = member_text(root, "DetectionTime");
-  json_t* attributes = json_object_get(root, "Attributes");
-  fields.job_id = json_integer_value(json_object_get(attributes, "jobid"));
+  const Json attributes = root.member("Attributes");
+  fields.job_id = attributes.member("jobid").as_integer().value_or(0);
   fields.client = member_text(attributes, "clientName");
   fields.policy = member_text(attributes, "policyName");
   fields.policy_type = member_text(attributes, "policyType");
@@ -195,11 +175,10 @@ Fields parse(const std::string& document) {
   fields.score = member_text(attributes, "score");
   for (const Feature f : kReportOrder) {
     const char* member = feature_info(f).payload_member;
-    if (json_object_get(attributes, member) != nullptr) {
+    if (attributes.member(member).valid()) {
       fields.attributes.emplace_back(member, member_text(attributes, member));
     }
   }
-  json_decref(root);
   return fields;
 }
 

@@ -17,7 +17,7 @@ constexpr int kLogFileMode = 0644;
 // The platform's status of the last open, for whoever wants it.
 int debugFD = -1;
 
-std::map<std::string, std::string> scan(int argc, char** argv) {
+std::map<std::string, std::string> scan(int argc, char** argv, std::vector<std::string>& named) {
   // The shifter reorders the vector it is given; it works on a copy so the
   // caller's argv stays as the process received it.
   std::vector<char*> args(argv, argv + argc);
@@ -27,6 +27,7 @@ std::map<std::string, std::string> scan(int argc, char** argv) {
   while (shifter.is_anything_left()) {
     if (shifter.is_option_next()) {
       const std::string key = shifter.get_current();
+      named.push_back(key);
       shifter.consume_arg();
       if (shifter.is_parameter_next()) {
         options.emplace(key, shifter.get_current());
@@ -41,7 +42,7 @@ std::map<std::string, std::string> scan(int argc, char** argv) {
 
 ServiceOptions ServiceOptions::parse(int argc, char** argv) {
   ServiceOptions parsed;
-  parsed.options = scan(argc, argv);
+  parsed.options = scan(argc, argv, parsed.named);
   auto& options = parsed.options;
   // These four lookups add an empty value for a missing option, which then
   // converts like any other text.

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 struct ServiceOptions {
   static constexpr const char* kProgramName = "tsanomalydetect";
@@ -33,6 +34,7 @@ struct ServiceOptions {
   void log_configuration_file() const;
 
   std::map<std::string, std::string> options;  // as typed, "-" included
+  std::vector<std::string> named;              // every option named, also without a value
   std::string database_location;
   std::string database_file_name;
   double eps = 0.0;

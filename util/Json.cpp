@@ -1,0 +1,85 @@
+#include "util/Json.h"
+
+#include <jansson.h>
+
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+#include "util/Text.h"
+
+Json::Json(Json&& other) noexcept : value_(other.release()) {}
+
+Json& Json::operator=(Json&& other) noexcept {
+  if (this != &other) {
+    json_decref(value_);
+    value_ = other.release();
+  }
+  return *this;
+}
+
+Json::~Json() { json_decref(value_); }
+
+json_t* Json::release() { return std::exchange(value_, nullptr); }
+
+Json Json::object() { return Json(json_object()); }
+Json Json::array() { return Json(json_array()); }
+
+Json Json::string(std::string_view text) {
+  const std::string repaired = text::as_utf8(text);
+  return Json(json_string(repaired.c_str()));
+}
+
+Json Json::integer(long long value) { return Json(json_integer(static_cast<json_int_t>(value))); }
+Json Json::real(double value) { return Json(json_real(value)); }
+Json Json::boolean(bool value) { return Json(json_boolean(value)); }
+Json Json::null() { return Json(json_null()); }
+
+Json Json::parse(const std::string& document, std::string* error) {
+  json_error_t failure;
+  json_t* parsed = json_loads(document.c_str(), 0, &failure);
+  if (parsed == nullptr && error != nullptr) {
+    *error = "line " + std::to_string(failure.line) + ", column " + std::to_string(failure.column) + ": " +
+             failure.text;
+  }
+  return Json(parsed);
+}
+
+Json Json::parsed_or_string(const std::string& stored) {
+  Json parsed = parse(text::as_utf8(stored));
+  return parsed.valid() ? std::move(parsed) : string(stored);
+}
+
+void Json::set(const char* name, Json value) {
+  if (value.valid()) json_object_set_new(value_, name, value.release());
+}
+
+void Json::append(Json value) {
+  if (value.valid()) json_array_append_new(value_, value.release());
+}
+
+Json Json::member(const char* name) const { return Json(json_incref(json_object_get(value_, name))); }
+
+std::optional<std::string> Json::as_text() const {
+  if (!json_is_string(value_)) return std::nullopt;
+  return std::string(json_string_value(value_));
+}
+
+std::optional<long long> Json::as_integer() const {
+  if (!json_is_integer(value_)) return std::nullopt;
+  return static_cast<long long>(json_integer_value(value_));
+}
+
+std::optional<double> Json::as_number() const {
+  if (!json_is_number(value_)) return std::nullopt;
+  return json_number_value(value_);
+}
+
+std::string Json::dump(JsonFormat format) const {
+  std::size_t flags = JSON_REAL_PRECISION(format.real_precision);
+  if (format.compact) flags |= JSON_COMPACT;
+  if (format.keep_order) flags |= JSON_PRESERVE_ORDER;
+  const std::unique_ptr<char, decltype(&std::free)> text(value_ != nullptr ? json_dumps(value_, flags) : nullptr,
+                                                          &std::free);
+  return text ? std::string(text.get()) : std::string();
+}

@@ -1,0 +1,71 @@
+// A JSON value owned by RAII over Jansson: built member by member, dumped to
+// text, parsed from text, and read one member at a time. Move-only; a value
+// that failed to parse or was moved from is empty, and reading it yields none.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+struct json_t;
+
+// How dump() writes a value; the defaults are Jansson's own.
+struct JsonFormat {
+  bool compact = false;     // no blank after ',' and ':'
+  bool keep_order = false;  // members in the order they were set
+  int real_precision = 0;   // significant digits of a real, 1 to 31; 0 is Jansson's 17
+};
+
+class Json {
+ public:
+  Json() = default;
+  Json(Json&& other) noexcept;
+  Json& operator=(Json&& other) noexcept;
+  Json(const Json&) = delete;
+  Json& operator=(const Json&) = delete;
+  ~Json();
+
+  static Json object();
+  static Json array();
+  // Text that is not UTF-8 keeps its readable part: each stray byte becomes
+  // U+FFFD, so a name from an old Latin-1 client never drops its member. The
+  // text ends at its first NUL byte, as the C text it came from would.
+  static Json string(std::string_view text);
+  static Json integer(long long value);
+  static Json real(double value);
+  static Json boolean(bool value);
+  static Json null();
+
+  // An object or array read from document (up to its first NUL byte, as the
+  // C text it is stored as); empty when it is not one, with Jansson's reason
+  // and position in *error when error is given. Text that is not UTF-8, or
+  // that escapes a NUL (\u0000), fails: no text read from it holds a NUL.
+  static Json parse(const std::string& document, std::string* error = nullptr);
+  // A stored document embedded as itself when it parses once repaired to
+  // UTF-8, or else as a string, so that no stored text is ever lost.
+  static Json parsed_or_string(const std::string& stored);
+
+  bool valid() const { return value_ != nullptr; }
+
+  // Sets a member of an object / appends to an array; does nothing when this
+  // is not one, or when value is empty (the member is left out).
+  void set(const char* name, Json value);
+  void append(Json value);
+
+  // The member called name, sharing the value with this one; empty when this
+  // is not an object or has no such member.
+  Json member(const char* name) const;
+  // This value when it has that type; none otherwise.
+  std::optional<std::string> as_text() const;
+  std::optional<long long> as_integer() const;
+  std::optional<double> as_number() const;  // an integer or a real
+
+  // The value as JSON text; empty text for an empty value.
+  std::string dump(JsonFormat format = {}) const;
+
+ private:
+  explicit Json(json_t* owned) : value_(owned) {}
+  json_t* release();
+
+  json_t* value_ = nullptr;
+};
