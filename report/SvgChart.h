@@ -61,6 +61,16 @@ class SvgChart {
   void choose_value_axis();
   void choose_time_axis();
 
+  // The drawing's parts, in the order they are painted.
+  std::string opening_tag() const;
+  std::string value_grid() const;
+  std::string time_axis() const;
+  std::string usual_band() const;
+  std::string history_line() const;
+  std::string history_dots() const;
+  std::string job_marker() const;
+  std::string precise(double value) const;
+
   Unit unit_;
   std::vector<Point> history_;
   Point job_;
