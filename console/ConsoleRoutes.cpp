@@ -2,6 +2,7 @@
 // actions; every request reaches them only through the admission checks.
 #include <ctime>
 #include <regex>
+#include <vector>
 
 #include "console/ConsoleJson.h"
 #include "console/ConsolePages.h"
@@ -52,74 +53,40 @@ void ConsoleServer::Impl::verdict_api(const Request& req, Response& res) {
                   "application/json");
 }
 
-void ConsoleServer::Impl::method_not_allowed(const Request& req, Response& res) {
-  static const std::regex kPostPaths(R"(/(api/v1/)?anomalies/.+/(false-positive|acknowledge))");
-  static const std::regex kGetPaths(R"(/|/console\.css|/status|/metrics|/anomalies/.+|/api/v1/(status|anomalies(/.+)?))");
-  if (std::regex_match(req.path, kPostPaths) && req.method != "POST") {
-    res.set_header("Allow", "POST");
-  } else if (std::regex_match(req.path, kGetPaths)) {
-    res.set_header("Allow", "GET, HEAD");
-  } else {
-    send_error(req, res, 404, "there is nothing at this address");
-    return;
-  }
-  send_error(req, res, 405, req.method + " is not allowed here");
+// Every address the console answers, each written once: the server is given
+// these routes, and a request that fits none of them by its method is
+// answered from the same table (405 with Allow, or 404). The verdict actions
+// come before the anomaly pages whose paths they extend, so that such a path
+// answers that it takes POST.
+const std::vector<ConsoleServer::Impl::Route>& ConsoleServer::Impl::route_table() {
+  using enum Route::Method;
+  static const std::vector<Route> table = {
+      {Get, "/", &Impl::list_page},
+      {Get, R"(/console\.css)", &Impl::stylesheet_file},
+      {Get, "/status", &Impl::status_page},
+      {Post, R"(/anomalies/(.+)/(false-positive|acknowledge))", &Impl::verdict_form},
+      {Get, R"(/anomalies/(.+))", &Impl::anomaly_page},
+      {Get, "/api/v1/anomalies", &Impl::api_anomaly_list},
+      {Post, R"(/api/v1/anomalies/(.+)/(false-positive|acknowledge))", &Impl::verdict_api},
+      {Get, R"(/api/v1/anomalies/(.+))", &Impl::api_anomaly},
+      {Get, "/api/v1/status", &Impl::api_status},
+      {Get, "/metrics", &Impl::metrics_page},
+  };
+  return table;
 }
 
 void ConsoleServer::Impl::routes() {
   httplib::Server& s = *server;
-  s.Get("/", [this](const Request& req, Response& res) {
-    console_pages::ListView view;
-    ListQuery query = list_query(req, view.form);
-    view.page = number_param(req, "page", 1, 1, kMaxOffset / kPageSize);
-    query.limit = kPageSize + 1;
-    query.offset = (view.page - 1) * kPageSize;
-    view.rows = store.list(query);
-    view.has_more = static_cast<long long>(view.rows.size()) > kPageSize;
-    if (view.has_more) view.rows.pop_back();
-    view.totals = store.totals(query, std::time(nullptr));
-    res.set_content(console_pages::list_page(view), "text/html; charset=utf-8");
-  });
-  s.Get("/console.css", [](const Request&, Response& res) {
-    res.set_content(console_pages::stylesheet(), "text/css; charset=utf-8");
-  });
-  s.Get("/status", [this](const Request&, Response& res) {
-    const time_t now = std::time(nullptr);
-    res.set_content(console_pages::status_page(status(true), store.per_day(now - 30 * kSecondsPerDay), now),
-                    "text/html; charset=utf-8");
-  });
-  s.Post(R"(/anomalies/(.+)/(false-positive|acknowledge))",
-         [this](const Request& req, Response& res) { verdict_form(req, res); });
-  s.Get(R"(/anomalies/(.+))", [this](const Request& req, Response& res) {
-    const auto detail = store.detail(req.matches[1], kChartDays);
-    if (!detail) throw RequestError(404, "There is no anomaly with this id.");
-    const auto csrf = sessions.csrf_of(cookie(req, kSessionCookie));
-    res.set_content(console_pages::anomaly_page(*detail, csrf.value_or(""),
-                                                result_sentence(req.get_param_value("result")), std::time(nullptr)),
-                    "text/html; charset=utf-8");
-  });
-  s.Get("/api/v1/anomalies", [this](const Request& req, Response& res) {
-    console_pages::FilterForm form;
-    ListQuery query = list_query(req, form);
-    query.limit = number_param(req, "limit", kPageSize, 1, kMaxApiLimit);
-    query.offset = number_param(req, "offset", 0, 0, kMaxOffset);
-    res.set_content(console_json::anomaly_list(store.list(query), store.totals(query, std::time(nullptr)), query),
-                    "application/json");
-  });
-  s.Get(R"(/api/v1/anomalies/(.+))", [this](const Request& req, Response& res) {
-    const auto detail = store.detail(req.matches[1], kChartDays);
-    if (!detail) throw RequestError(404, "no anomaly '" + std::string(req.matches[1]) + "'");
-    res.set_content(console_json::anomaly(*detail), "application/json");
-  });
-  s.Post(R"(/api/v1/anomalies/(.+)/(false-positive|acknowledge))",
-         [this](const Request& req, Response& res) { verdict_api(req, res); });
-  s.Get("/api/v1/status", [this](const Request&, Response& res) {
-    res.set_content(console_json::status(status(true), store.per_day(std::time(nullptr) - 30 * kSecondsPerDay)),
-                    "application/json");
-  });
-  s.Get("/metrics", [this](const Request&, Response& res) {
-    res.set_content(metrics_text(status_metrics(status())), "text/plain; version=0.0.4; charset=utf-8");
-  });
+  for (const Route& route : route_table()) {
+    const auto handle = [this, handler = route.handler](const Request& req, Response& res) {
+      (this->*handler)(req, res);
+    };
+    if (route.method == Route::Method::Post) {
+      s.Post(route.pattern, handle);
+    } else {
+      s.Get(route.pattern, handle);
+    }
+  }
   const auto refuse = [this](const Request& req, Response& res) { method_not_allowed(req, res); };
   s.Get(".*", refuse);
   s.Post(".*", refuse);
@@ -127,4 +94,72 @@ void ConsoleServer::Impl::routes() {
   s.Patch(".*", refuse);
   s.Delete(".*", refuse);
   s.Options(".*", refuse);
+}
+
+// The first route whose path fits names the methods the path takes.
+void ConsoleServer::Impl::method_not_allowed(const Request& req, Response& res) {
+  for (const Route& route : route_table()) {
+    if (std::regex_match(req.path, route.path)) {
+      res.set_header("Allow", route.method == Route::Method::Post ? "POST" : "GET, HEAD");
+      send_error(req, res, 405, req.method + " is not allowed here");
+      return;
+    }
+  }
+  send_error(req, res, 404, "there is nothing at this address");
+}
+
+void ConsoleServer::Impl::list_page(const Request& req, Response& res) {
+  console_pages::ListView view;
+  ListQuery query = list_query(req, view.form);
+  view.page = number_param(req, "page", 1, 1, kMaxOffset / kPageSize);
+  query.limit = kPageSize + 1;
+  query.offset = (view.page - 1) * kPageSize;
+  view.rows = store.list(query);
+  view.has_more = static_cast<long long>(view.rows.size()) > kPageSize;
+  if (view.has_more) view.rows.pop_back();
+  view.totals = store.totals(query, std::time(nullptr));
+  res.set_content(console_pages::list_page(view), "text/html; charset=utf-8");
+}
+
+void ConsoleServer::Impl::stylesheet_file(const Request&, Response& res) {
+  res.set_content(console_pages::stylesheet(), "text/css; charset=utf-8");
+}
+
+void ConsoleServer::Impl::status_page(const Request&, Response& res) {
+  const time_t now = std::time(nullptr);
+  res.set_content(console_pages::status_page(status(true), store.per_day(now - 30 * kSecondsPerDay), now),
+                  "text/html; charset=utf-8");
+}
+
+void ConsoleServer::Impl::anomaly_page(const Request& req, Response& res) {
+  const auto detail = store.detail(req.matches[1], kChartDays);
+  if (!detail) throw RequestError(404, "There is no anomaly with this id.");
+  const auto csrf = sessions.csrf_of(cookie(req, kSessionCookie));
+  res.set_content(console_pages::anomaly_page(*detail, csrf.value_or(""),
+                                              result_sentence(req.get_param_value("result")), std::time(nullptr)),
+                  "text/html; charset=utf-8");
+}
+
+void ConsoleServer::Impl::api_anomaly_list(const Request& req, Response& res) {
+  console_pages::FilterForm form;
+  ListQuery query = list_query(req, form);
+  query.limit = number_param(req, "limit", kPageSize, 1, kMaxApiLimit);
+  query.offset = number_param(req, "offset", 0, 0, kMaxOffset);
+  res.set_content(console_json::anomaly_list(store.list(query), store.totals(query, std::time(nullptr)), query),
+                  "application/json");
+}
+
+void ConsoleServer::Impl::api_anomaly(const Request& req, Response& res) {
+  const auto detail = store.detail(req.matches[1], kChartDays);
+  if (!detail) throw RequestError(404, "no anomaly '" + std::string(req.matches[1]) + "'");
+  res.set_content(console_json::anomaly(*detail), "application/json");
+}
+
+void ConsoleServer::Impl::api_status(const Request&, Response& res) {
+  res.set_content(console_json::status(status(true), store.per_day(std::time(nullptr) - 30 * kSecondsPerDay)),
+                  "application/json");
+}
+
+void ConsoleServer::Impl::metrics_page(const Request&, Response& res) {
+  res.set_content(metrics_text(status_metrics(status())), "text/plain; version=0.0.4; charset=utf-8");
 }

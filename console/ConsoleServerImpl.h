@@ -7,8 +7,10 @@
 
 #include <chrono>
 #include <memory>
+#include <regex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "replay/UnjudgeableJobs.h"
 #include "console/ConsoleRequest.h"
@@ -58,6 +60,19 @@ struct ConsoleServer::Impl {
   bool tls() const { return config.tls_cert.has_value(); }
   std::string scheme() const { return tls() ? "https" : "http"; }
 
+  // One address the console answers: its method, its path as a pattern
+  // (the groups become req.matches) and the handler.
+  struct Route {
+    enum class Method { Get, Post };
+    using Handler = void (Impl::*)(const httplib::Request&, httplib::Response&);
+    Route(Method m, const char* p, Handler h) : method(m), pattern(p), path(p), handler(h) {}
+    Method method;
+    const char* pattern;
+    std::regex path;  // pattern, compiled once for the requests no route takes
+    Handler handler;
+  };
+  static const std::vector<Route>& route_table();
+
   void make_server();
   bool same_origin(const httplib::Request& req) const;
   void routes();
@@ -68,4 +83,12 @@ struct ConsoleServer::Impl {
   void verdict_api(const httplib::Request& req, httplib::Response& res);
   VerdictOutcome apply(const std::string& id, const std::string& action);
   void method_not_allowed(const httplib::Request& req, httplib::Response& res);
+  void list_page(const httplib::Request& req, httplib::Response& res);
+  void stylesheet_file(const httplib::Request& req, httplib::Response& res);
+  void status_page(const httplib::Request& req, httplib::Response& res);
+  void anomaly_page(const httplib::Request& req, httplib::Response& res);
+  void api_anomaly_list(const httplib::Request& req, httplib::Response& res);
+  void api_anomaly(const httplib::Request& req, httplib::Response& res);
+  void api_status(const httplib::Request& req, httplib::Response& res);
+  void metrics_page(const httplib::Request& req, httplib::Response& res);
 };

@@ -36,6 +36,9 @@ class HtmlReport {
   static const char* stylesheet();
 
  private:
+  std::string page_head() const;
+  std::string summary_tiles() const;
+  std::string findings() const;
 
   std::string database_path_;
   time_t generated_at_;

@@ -60,38 +60,53 @@ double SvgChart::y(double value) const {
   return kPlotBottom - share * (kPlotBottom - kPlotTop);
 }
 
-std::string SvgChart::svg() const {
-  const auto esc = [](const std::string& text) { return html_escape(text); };
-  // Hover texts carry one decimal more than the axis.
-  const auto precise = [this](double value) {
-    const int decimals = (unit_ == Unit::Count && scale_ == 1) ? 0 : std::min(decimals_ + 1, 3);
-    const std::string text = grouped(number(value / scale_, decimals));
-    return axis_unit_.empty() ? text : text + " " + axis_unit_;
-  };
+// Hover texts carry one decimal more than the axis.
+std::string SvgChart::precise(double value) const {
+  const int decimals = (unit_ == Unit::Count && scale_ == 1) ? 0 : std::min(decimals_ + 1, 3);
+  const std::string text = grouped(number(value / scale_, decimals));
+  return axis_unit_.empty() ? text : text + " " + axis_unit_;
+}
 
+std::string SvgChart::svg() const {
+  std::string out;
+  out.reserve(4096 + history_.size() * 120);
+  out += opening_tag();
+  out += value_grid();
+  out += time_axis();
+  if (usual_) out += usual_band();
+  if (!history_.empty()) out += history_line() + history_dots();
+  if (std::isfinite(job_.value)) out += job_marker();
+  out += "</svg>";
+  return out;
+}
+
+// The <svg> tag, its text alternative naming the band and the job.
+std::string SvgChart::opening_tag() const {
   std::string aria = title_ + " over time";
   if (usual_) aria += "; usual range " + precise(usual_->low) + " to " + precise(usual_->high);
   aria += "; " + job_label_;
-
-  std::string out;
-  out.reserve(4096 + history_.size() * 120);
-  out += "<svg class=\"chart\" xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " + coord(kWidth) + " " +
-         coord(kHeight) + "\" role=\"img\" aria-label=\"" + esc(aria) +
+  return "<svg class=\"chart\" xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " + coord(kWidth) + " " +
+         coord(kHeight) + "\" role=\"img\" aria-label=\"" + html_escape(aria) +
          "\" font-family=\"system-ui, -apple-system, 'Segoe UI', Roboto, sans-serif\" font-size=\"11\">\n";
+}
 
-  // Value grid and labels.
-  out += "<g class=\"y-axis\">\n";
+// Value grid and labels.
+std::string SvgChart::value_grid() const {
+  std::string out = "<g class=\"y-axis\">\n";
   for (const double tick : value_ticks_) {
     const std::string ty = coord(y(tick));
     out += "<line x1=\"" + coord(kPlotLeft) + "\" x2=\"" + coord(kPlotRight) + "\" y1=\"" + ty + "\" y2=\"" + ty +
            "\" stroke=\"" + kGrid + "\" stroke-width=\"1\"/>";
     out += "<text x=\"" + coord(kPlotLeft - 8) + "\" y=\"" + coord(y(tick) + 3.5) + "\" text-anchor=\"end\" fill=\"" +
-           kAxisText + "\">" + esc(value_label(tick)) + "</text>\n";
+           kAxisText + "\">" + html_escape(value_label(tick)) + "</text>\n";
   }
   out += "</g>\n";
+  return out;
+}
 
-  // Time axis: a base line and a few dated ticks.
-  out += "<g class=\"x-axis\">\n";
+// Time axis: a base line and a few dated ticks.
+std::string SvgChart::time_axis() const {
+  std::string out = "<g class=\"x-axis\">\n";
   out += "<line x1=\"" + coord(kPlotLeft) + "\" x2=\"" + coord(kPlotRight) + "\" y1=\"" + coord(kPlotBottom) +
          "\" y2=\"" + coord(kPlotBottom) + "\" stroke=\"#b8c0cc\" stroke-width=\"1\"/>\n";
   for (const time_t tick : time_ticks_) {
@@ -99,73 +114,77 @@ std::string SvgChart::svg() const {
     out += "<line x1=\"" + tx + "\" x2=\"" + tx + "\" y1=\"" + coord(kPlotBottom) + "\" y2=\"" +
            coord(kPlotBottom + 4) + "\" stroke=\"#b8c0cc\" stroke-width=\"1\"/>";
     out += "<text x=\"" + tx + "\" y=\"" + coord(kPlotBottom + 17) + "\" text-anchor=\"middle\" fill=\"" + kAxisText +
-           "\">" + esc(time_label(tick)) + "</text>\n";
+           "\">" + html_escape(time_label(tick)) + "</text>\n";
   }
   out += "</g>\n";
+  return out;
+}
 
-  // The usual range of the nearest cluster, across the whole period: the
-  // band the job is measured against. A range of a single value still gets
-  // a visible sliver.
-  if (usual_) {
-    const double top = y(usual_->high);
-    const double height = std::max(y(usual_->low) - top, 0.0);
-    const double drawn = std::max(height, 2.0);
-    const double drawn_top = top - (drawn - height) / 2;
-    out += "<g class=\"usual\">\n";
-    out += "<rect class=\"band\" x=\"" + coord(kPlotLeft) + "\" y=\"" + coord(drawn_top) + "\" width=\"" +
-           coord(kPlotRight - kPlotLeft) + "\" height=\"" + coord(drawn) + "\" fill=\"" + kBand +
-           "\" fill-opacity=\"0.14\" data-low=\"" + coord(y(usual_->low)) + "\" data-high=\"" + coord(top) +
-           "\"><title>" + esc("usual range: " + precise(usual_->low) + " to " + precise(usual_->high)) +
-           "</title></rect>\n";
-    for (const double edge : {top, top + height}) {
-      out += "<line x1=\"" + coord(kPlotLeft) + "\" x2=\"" + coord(kPlotRight) + "\" y1=\"" + coord(edge) +
-             "\" y2=\"" + coord(edge) + "\" stroke=\"" + kBand +
-             "\" stroke-opacity=\"0.55\" stroke-width=\"1\" stroke-dasharray=\"4 3\"/>\n";
-    }
-    // Above the band, where the history (which mostly lies inside it) does
-    // not cover the words; below it when the band touches the top.
-    const double label_y = top - 4 >= kPlotTop + 6 ? top - 4 : top + height + 11;
-    out += "<text class=\"band-label\" x=\"" + coord(kPlotLeft + 6) + "\" y=\"" + coord(label_y) + "\" fill=\"" +
-           kBand + "\" font-size=\"10\">usual range</text>\n";
-    out += "</g>\n";
+// The usual range of the nearest cluster, across the whole period: the
+// band the job is measured against. A range of a single value still gets
+// a visible sliver.
+std::string SvgChart::usual_band() const {
+  const double top = y(usual_->high);
+  const double height = std::max(y(usual_->low) - top, 0.0);
+  const double drawn = std::max(height, 2.0);
+  const double drawn_top = top - (drawn - height) / 2;
+  std::string out = "<g class=\"usual\">\n";
+  out += "<rect class=\"band\" x=\"" + coord(kPlotLeft) + "\" y=\"" + coord(drawn_top) + "\" width=\"" +
+         coord(kPlotRight - kPlotLeft) + "\" height=\"" + coord(drawn) + "\" fill=\"" + kBand +
+         "\" fill-opacity=\"0.14\" data-low=\"" + coord(y(usual_->low)) + "\" data-high=\"" + coord(top) +
+         "\"><title>" + html_escape("usual range: " + precise(usual_->low) + " to " + precise(usual_->high)) +
+         "</title></rect>\n";
+  for (const double edge : {top, top + height}) {
+    out += "<line x1=\"" + coord(kPlotLeft) + "\" x2=\"" + coord(kPlotRight) + "\" y1=\"" + coord(edge) +
+           "\" y2=\"" + coord(edge) + "\" stroke=\"" + kBand +
+           "\" stroke-opacity=\"0.55\" stroke-width=\"1\" stroke-dasharray=\"4 3\"/>\n";
   }
+  // Above the band, where the history (which mostly lies inside it) does
+  // not cover the words; below it when the band touches the top.
+  const double label_y = top - 4 >= kPlotTop + 6 ? top - 4 : top + height + 11;
+  out += "<text class=\"band-label\" x=\"" + coord(kPlotLeft + 6) + "\" y=\"" + coord(label_y) + "\" fill=\"" +
+         kBand + "\" font-size=\"10\">usual range</text>\n";
+  out += "</g>\n";
+  return out;
+}
 
-  // The workload's history: a line through the jobs in time order, and a
-  // dot per job while they are few enough to tell apart.
-  if (!history_.empty()) {
-    std::string path;
-    for (const Point& point : history_) {
-      path += (path.empty() ? "M" : " L") + coord(x(point.time)) + " " + coord(y(point.value));
-    }
-    out += "<path class=\"history\" d=\"" + path + "\" fill=\"none\" stroke=\"" + kLine +
-           "\" stroke-width=\"1.5\" stroke-linejoin=\"round\"/>\n";
-    if (history_.size() <= kMaxDots) {
-      out += "<g class=\"points\" fill=\"" + std::string(kDot) + "\">\n";
-      for (const Point& point : history_) {
-        out += "<circle class=\"point\" cx=\"" + coord(x(point.time)) + "\" cy=\"" + coord(y(point.value)) +
-               "\" r=\"2.6\"><title>" + esc(local_date_time(point.time) + " \xC2\xB7 " + precise(point.value)) +
-               "</title></circle>\n";
-      }
-      out += "</g>\n";
-    }
+// The workload's history: a line through the jobs in time order...
+std::string SvgChart::history_line() const {
+  std::string path;
+  for (const Point& point : history_) {
+    path += (path.empty() ? "M" : " L") + coord(x(point.time)) + " " + coord(y(point.value));
   }
+  return "<path class=\"history\" d=\"" + path + "\" fill=\"none\" stroke=\"" + kLine +
+         "\" stroke-width=\"1.5\" stroke-linejoin=\"round\"/>\n";
+}
 
-  // The anomalous job, with its value spelled out beside it.
-  if (std::isfinite(job_.value)) {
-    const double cx = x(job_.time);
-    const double cy = y(job_.value);
-    out += "<circle class=\"job\" cx=\"" + coord(cx) + "\" cy=\"" + coord(cy) + "\" r=\"5.5\" fill=\"" + kJob +
-           "\" stroke=\"#fff\" stroke-width=\"2\"><title>" + esc(local_date_time(job_.time) + " \xC2\xB7 " + job_label_) +
+// ...and a dot per job while they are few enough to tell apart.
+std::string SvgChart::history_dots() const {
+  if (history_.size() > kMaxDots) return "";
+  std::string out = "<g class=\"points\" fill=\"" + std::string(kDot) + "\">\n";
+  for (const Point& point : history_) {
+    out += "<circle class=\"point\" cx=\"" + coord(x(point.time)) + "\" cy=\"" + coord(y(point.value)) +
+           "\" r=\"2.6\"><title>" + html_escape(local_date_time(point.time) + " \xC2\xB7 " + precise(point.value)) +
            "</title></circle>\n";
-    const bool left = cx > (kPlotLeft + kPlotRight) / 2;
-    const double lx = left ? cx - 10 : cx + 10;
-    const double ly = cy - 10 >= kPlotTop + 10 ? cy - 10 : cy + 19;
-    out += "<text class=\"job-label\" x=\"" + coord(lx) + "\" y=\"" + coord(ly) + "\" text-anchor=\"" +
-           (left ? "end" : "start") + "\" fill=\"" + kJob +
-           "\" font-weight=\"600\" stroke=\"#fff\" stroke-width=\"4\" stroke-linejoin=\"round\" "
-           "paint-order=\"stroke\">" +
-           esc(job_label_) + "</text>\n";
   }
-  out += "</svg>";
+  out += "</g>\n";
+  return out;
+}
+
+// The anomalous job, with its value spelled out beside it.
+std::string SvgChart::job_marker() const {
+  const double cx = x(job_.time);
+  const double cy = y(job_.value);
+  std::string out = "<circle class=\"job\" cx=\"" + coord(cx) + "\" cy=\"" + coord(cy) + "\" r=\"5.5\" fill=\"" +
+                    kJob + "\" stroke=\"#fff\" stroke-width=\"2\"><title>" +
+                    html_escape(local_date_time(job_.time) + " \xC2\xB7 " + job_label_) + "</title></circle>\n";
+  const bool left = cx > (kPlotLeft + kPlotRight) / 2;
+  const double lx = left ? cx - 10 : cx + 10;
+  const double ly = cy - 10 >= kPlotTop + 10 ? cy - 10 : cy + 19;
+  out += "<text class=\"job-label\" x=\"" + coord(lx) + "\" y=\"" + coord(ly) + "\" text-anchor=\"" +
+         (left ? "end" : "start") + "\" fill=\"" + kJob +
+         "\" font-weight=\"600\" stroke=\"#fff\" stroke-width=\"4\" stroke-linejoin=\"round\" "
+         "paint-order=\"stroke\">" +
+         html_escape(job_label_) + "</text>\n";
   return out;
 }

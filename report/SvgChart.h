@@ -6,6 +6,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "contract/Features.h"
@@ -59,7 +60,24 @@ class SvgChart {
 
  private:
   void choose_value_axis();
+  std::pair<double, double> value_extent() const;
+  void choose_value_unit(double magnitude);
+  void place_value_ticks(double low, double high);
   void choose_time_axis();
+  void pad_time_range();
+  void choose_time_step();
+  struct tm first_tick_parts() const;
+  void place_time_ticks(struct tm parts);
+
+  // The drawing's parts, in the order they are painted.
+  std::string opening_tag() const;
+  std::string value_grid() const;
+  std::string time_axis() const;
+  std::string usual_band() const;
+  std::string history_line() const;
+  std::string history_dots() const;
+  std::string job_marker() const;
+  std::string precise(double value) const;
 
   Unit unit_;
   std::vector<Point> history_;

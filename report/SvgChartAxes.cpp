@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include "report/SvgChart.h"
 #include "report/SvgChartText.h"
@@ -28,9 +29,40 @@ int decimals_for(double step) {
   return std::max(0, static_cast<int>(-std::floor(std::log10(step) + 1e-9)));
 }
 
+// Sizes, counts and durations read best from zero unless the data sit far
+// above it, where a zero-based axis would squash them into a flat line. A
+// flat range is widened, and a little headroom keeps the highest and lowest
+// dots off the frame.
+void pad_value_range(double& low, double& high) {
+  const bool from_zero = low >= 0 && low <= 0.5 * high;
+  if (from_zero) low = 0;
+  if (high - low <= 1e-9 * std::max(1.0, std::fabs(high))) {
+    if (high == 0) {
+      high = 1;
+    } else {
+      const double pad = std::fabs(high) * 0.1;
+      low = low >= 0 ? std::max(0.0, low - pad) : low - pad;
+      high += pad;
+    }
+  }
+  const double headroom = (high - low) * 0.05;
+  high += headroom;
+  if (low != 0) low -= headroom;
+}
+
 }  // namespace
 
 void SvgChart::choose_value_axis() {
+  auto [low, high] = value_extent();
+  choose_value_unit(std::max(std::fabs(low), std::fabs(high)));
+  low /= scale_;
+  high /= scale_;
+  pad_value_range(low, high);
+  place_value_ticks(low, high);
+}
+
+// The lowest and highest of everything drawn: history, job and band.
+std::pair<double, double> SvgChart::value_extent() const {
   std::vector<double> values;
   for (const Point& point : history_) values.push_back(point.value);
   if (std::isfinite(job_.value)) values.push_back(job_.value);
@@ -38,10 +70,13 @@ void SvgChart::choose_value_axis() {
     values.push_back(usual_->low);
     values.push_back(usual_->high);
   }
-  double low = values.empty() ? 0 : *std::min_element(values.begin(), values.end());
-  double high = values.empty() ? 1 : *std::max_element(values.begin(), values.end());
+  const double low = values.empty() ? 0 : *std::min_element(values.begin(), values.end());
+  const double high = values.empty() ? 1 : *std::max_element(values.begin(), values.end());
+  return {low, high};
+}
 
-  const double magnitude = std::max(std::fabs(low), std::fabs(high));
+// The readable unit for values up to magnitude, in the stored unit.
+void SvgChart::choose_value_unit(double magnitude) {
   switch (unit_) {
     case Unit::Kilobytes: {
       const char* units[] = {"KB", "MB", "GB", "TB", "PB"};
@@ -73,27 +108,11 @@ void SvgChart::choose_value_axis() {
     case Unit::Ratio:
       break;
   }
+}
 
-  low /= scale_;
-  high /= scale_;
-  // Sizes, counts and durations read best from zero unless the data sit far
-  // above it, where a zero-based axis would squash them into a flat line.
-  const bool from_zero = low >= 0 && low <= 0.5 * high;
-  if (from_zero) low = 0;
-  if (high - low <= 1e-9 * std::max(1.0, std::fabs(high))) {
-    if (high == 0) {
-      high = 1;
-    } else {
-      const double pad = std::fabs(high) * 0.1;
-      low = low >= 0 ? std::max(0.0, low - pad) : low - pad;
-      high += pad;
-    }
-  }
-  // A little headroom keeps the highest and lowest dots off the frame.
-  const double headroom = (high - low) * 0.05;
-  high += headroom;
-  if (low != 0) low -= headroom;
-
+// About four round steps from low to high (in axis units); the axis ends on
+// whole steps.
+void SvgChart::place_value_ticks(double low, double high) {
   double step = nice_step((high - low) / 4);
   if (unit_ == Unit::Count && scale_ == 1) step = std::max(step, 1.0);
   const double first = std::floor(low / step) * step;
@@ -107,6 +126,14 @@ void SvgChart::choose_value_axis() {
 }
 
 void SvgChart::choose_time_axis() {
+  pad_time_range();
+  choose_time_step();
+  place_time_ticks(first_tick_parts());
+}
+
+// From the first job to the last, plus a margin (half a day either side of
+// a single moment).
+void SvgChart::pad_time_range() {
   time_t first = job_.time, last = job_.time;
   for (const Point& point : history_) {
     first = std::min(first, point.time);
@@ -116,9 +143,10 @@ void SvgChart::choose_time_axis() {
   const time_t pad = span == 0 ? 12 * 3600 : static_cast<time_t>(std::max(span * 0.04, 1800.0));
   time_min_ = first - pad;
   time_max_ = last + pad;
-  const double width = static_cast<double>(time_max_ - time_min_);
+}
 
-  // The smallest calendar step that gives at most six labels.
+// The smallest calendar step that gives at most six labels.
+void SvgChart::choose_time_step() {
   struct Candidate {
     TimeStep kind;
     int step;
@@ -132,6 +160,7 @@ void SvgChart::choose_time_axis() {
       {TimeStep::Months, 6, 15778476},    {TimeStep::Months, 12, 31556952},   {TimeStep::Months, 24, 63113904},
       {TimeStep::Months, 60, 157784760},  {TimeStep::Months, 120, 315569520},
   };
+  const double width = static_cast<double>(time_max_ - time_min_);
   const Candidate* chosen = &candidates[std::size(candidates) - 1];
   for (const Candidate& candidate : candidates) {
     if (width / candidate.seconds <= 6) {
@@ -141,9 +170,12 @@ void SvgChart::choose_time_axis() {
   }
   time_step_kind_ = chosen->kind;
   time_step_ = chosen->step;
+}
 
-  // Ticks fall on round local times: whole hours, midnights (Mondays for
-  // weekly steps), the first of a month.
+// Ticks fall on round local times: whole hours, midnights (Mondays for
+// weekly steps), the first of a month. This is the round time at or before
+// the start of the axis.
+struct tm SvgChart::first_tick_parts() const {
   struct tm parts = local_parts(time_min_);
   parts.tm_sec = 0;
   parts.tm_min = 0;
@@ -166,6 +198,12 @@ void SvgChart::choose_time_axis() {
       }
       break;
   }
+  return parts;
+}
+
+// Steps in calendar fields, normalised by mktime, not in seconds: a monthly
+// tick lands on the first of the next month whatever the month's length.
+void SvgChart::place_time_ticks(struct tm parts) {
   for (int guard = 0; guard < 200 && time_ticks_.size() < 12; ++guard) {
     parts.tm_isdst = -1;
     struct tm normalised = parts;
