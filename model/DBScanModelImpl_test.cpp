@@ -10,18 +10,12 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+#include "tests/support/ObservationRows.h"
 
 namespace {
 
 using Matrix = std::vector<std::vector<double>>;
-
-Observations make_obs(const Matrix& rows) {
-  Observations obs;
-  obs.data = rows;
-  obs.num_features = rows.empty() ? 0 : static_cast<int>(rows.front().size());
-  obs.num_observations = static_cast<int>(rows.size());
-  return obs;
-}
+using tsanomaly_test::make_obs;
 
 std::vector<int> run(double eps, int min_samples, int run_mode, const Matrix& rows) {
   DBScan model(eps, min_samples, run_mode);

@@ -13,10 +13,12 @@
 
 #include "model/DBScanModelImpl.h"
 #include "model/StandardizeData.h"
+#include "tests/support/ObservationRows.h"
 
 namespace {
 
 using Matrix = std::vector<std::vector<double>>;
+using tsanomaly_test::make_obs;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
@@ -34,14 +36,6 @@ std::array<double, kGridSize> walked_grid() {
 const std::array<double, kGridSize> kGrid = walked_grid();
 
 std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x); }
-
-Observations make_obs(const Matrix& rows) {
-  Observations obs;
-  obs.data = rows;
-  obs.num_features = rows.empty() ? 0 : static_cast<int>(rows.front().size());
-  obs.num_observations = static_cast<int>(rows.size());
-  return obs;
-}
 
 // Calibrates both ways, requires the two answers to agree bit for bit and
 // returns the answer.

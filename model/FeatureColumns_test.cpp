@@ -10,20 +10,14 @@
 #include <vector>
 
 #include "model/SquaredDistance.h"
+#include "tests/support/ObservationRows.h"
 
 namespace {
 
 using Matrix = std::vector<std::vector<double>>;
+using tsanomaly_test::make_obs;
 
 std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x); }
-
-Observations make_obs(const Matrix& rows) {
-  Observations obs;
-  obs.data = rows;
-  obs.num_features = rows.empty() ? 0 : static_cast<int>(rows.front().size());
-  obs.num_observations = static_cast<int>(rows.size());
-  return obs;
-}
 
 Matrix random_rows(int n, int width, unsigned seed) {
   std::mt19937 rng(seed);

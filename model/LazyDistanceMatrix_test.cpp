@@ -8,18 +8,12 @@
 #include <vector>
 
 #include "model/DBScanModelImpl.h"
+#include "tests/support/ObservationRows.h"
 
 namespace {
 
 using Matrix = std::vector<std::vector<double>>;
-
-Observations make_obs(const Matrix& rows) {
-  Observations obs;
-  obs.data = rows;
-  obs.num_features = rows.empty() ? 0 : static_cast<int>(rows.front().size());
-  obs.num_observations = static_cast<int>(rows.size());
-  return obs;
-}
+using tsanomaly_test::make_obs;
 
 std::vector<double> row_of(LazyDistanceMatrix& matrix, int r) {
   const double* squares = matrix.row(r);

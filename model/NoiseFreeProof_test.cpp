@@ -11,24 +11,13 @@
 
 #include "model/DBScanModelImpl.h"
 #include "model/SquaredDistance.h"
+#include "tests/support/ObservationRows.h"
 
 namespace {
 
 using Matrix = std::vector<std::vector<double>>;
-
-Observations make_obs(const Matrix& rows) {
-  Observations obs;
-  obs.data = rows;
-  obs.num_features = rows.empty() ? 0 : static_cast<int>(rows.front().size());
-  obs.num_observations = static_cast<int>(rows.size());
-  return obs;
-}
-
-Matrix on_a_line(const std::vector<double>& positions) {
-  Matrix rows;
-  for (const double x : positions) rows.push_back({x});
-  return rows;
-}
+using tsanomaly_test::make_obs;
+using tsanomaly_test::on_a_line;
 
 // Proves at an eps given as a distance, the way calibration asks.
 bool proven_at(const Matrix& rows, double eps, int min_samples) {

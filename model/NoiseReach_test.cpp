@@ -10,27 +10,16 @@
 #include <vector>
 
 #include "model/DBScanModelImpl.h"
+#include "tests/support/ObservationRows.h"
 
 namespace {
 
 using Matrix = std::vector<std::vector<double>>;
+using tsanomaly_test::make_obs;
+using tsanomaly_test::on_a_line;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-Observations make_obs(const Matrix& rows) {
-  Observations obs;
-  obs.data = rows;
-  obs.num_features = rows.empty() ? 0 : static_cast<int>(rows.front().size());
-  obs.num_observations = static_cast<int>(rows.size());
-  return obs;
-}
-
-Matrix on_a_line(const std::vector<double>& positions) {
-  Matrix rows;
-  for (const double x : positions) rows.push_back({x});
-  return rows;
-}
 
 double largest_reach(const Matrix& rows, std::size_t others_needed) {
   const FeatureColumns columns(make_obs(rows));

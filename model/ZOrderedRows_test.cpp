@@ -4,18 +4,12 @@
 
 #include <limits>
 #include <vector>
+#include "tests/support/ObservationRows.h"
 
 namespace {
 
 using Matrix = std::vector<std::vector<double>>;
-
-Observations make_obs(const Matrix& rows) {
-  Observations obs;
-  obs.data = rows;
-  obs.num_features = rows.empty() ? 0 : static_cast<int>(rows.front().size());
-  obs.num_observations = static_cast<int>(rows.size());
-  return obs;
-}
+using tsanomaly_test::make_obs;
 
 std::vector<std::size_t> order_of(const Matrix& rows) {
   const ZOrderedRows along{FeatureColumns(make_obs(rows))};
