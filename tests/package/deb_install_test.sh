@@ -49,7 +49,7 @@ check_exposure() {
   awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.0) }' || fail "installed $(basename "$1") exposure ${exposure:-unknown}"
 }
 unit=/usr/lib/systemd/system/tsanomalydetect.service
-for line in User=tsanomaly Type=notify StateDirectory=tsanomalydetect LogsDirectory=tsanomalydetect \
+for line in User=tsanomaly Type=notify Restart=always StateDirectory=tsanomalydetect LogsDirectory=tsanomalydetect \
             ConfigurationDirectory=tsanomalydetect; do
   grep -qx "$line" "$unit" || fail "the unit lacks $line"
 done
