@@ -27,6 +27,9 @@ grep -q '^ExecStart=/usr/bin/tsanomalydetect' /usr/lib/systemd/system/tsanomalyd
 /usr/bin/tsanomalyctl status /var/lib/tsanomalydetect/anomaly.db | grep -q '^Pending jobs  *0$' \
   || fail "postinst did not create an empty detector database"
 /usr/bin/tsanomalyctl --help | grep -q 'usage: tsanomalyctl' || fail "installed tool does not run"
+rules=/usr/share/tsanomalydetect/prometheus/tsanomalydetect.rules.yml
+check test -f "$rules"
+if command -v promtool >/dev/null; then promtool check rules "$rules" >/dev/null || fail "installed alerting rules"; fi
 
 # The service's own system user owns its data and log folders (0750) and
 # its database (0640); nothing of it is readable by other users.
