@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the built .deb, checks what it put where, removes it and purges
-# it. Needs root (dpkg); run by 'make test-package'.
+# Runs lintian on the built .deb, installs it, checks what it put where,
+# removes it and purges it. Needs root (dpkg); run by 'make test-package'.
 set -euo pipefail
 
 deb=$(ls "${1:-build-package}"/tsanomalydetect_*_amd64.deb | head -n 1)
@@ -12,6 +12,12 @@ user_existed=no
 getent passwd tsanomaly >/dev/null && user_existed=yes
 fail() { echo "deb_install_test: FAIL: $*" >&2; exit 1; }
 check() { "$@" || fail "$*"; }
+
+# lintian judges the package as Debian would: any error or warning fails
+# (its overrides file gives the reason for each tag it silences).
+command -v lintian >/dev/null || fail "lintian is not installed (run scripts/install-deps)"
+echo "deb_install_test: lintian $(basename "$deb")"
+lintian --fail-on error,warning --display-info "$deb" || fail "lintian"
 
 dpkg -P tsanomalydetect >/dev/null 2>&1 || true
 dpkg -i "$deb" >/dev/null
