@@ -12,7 +12,8 @@
 #                       descriptors every 100 passes), then 20 under valgrind
 #   make install        install the programs, schema, configuration and unit
 #   make package        build the Debian package into build-package/
-#   make test-package   install, check, remove and purge that package (root)
+#   make test-package   lintian on that package (no error or warning), then
+#                       install, check, remove and purge it (root)
 #   make fuzz           build the libFuzzer targets (clang) into build-fuzz/ and run
 #                       each for FUZZ_SECONDS (default 600); make fuzz-ci: 60 s each
 
@@ -59,7 +60,7 @@ install: build
 	cmake --install $(BUILD_DIR)
 
 package: deps
-	cmake -S . -B $(PACKAGE_DIR) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DTSANOMALY_BENCH=OFF
+	cmake -S . -B $(PACKAGE_DIR) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DTSANOMALY_BENCH=OFF -DTSANOMALY_TESTS=OFF
 	cmake --build $(PACKAGE_DIR) -j $(JOBS) --target tsanomalydetect tsanomalyctl
 	cd $(PACKAGE_DIR) && cpack
 

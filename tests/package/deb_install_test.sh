@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the built .deb, checks what it put where, removes it and purges
-# it. Needs root (dpkg); run by 'make test-package'.
+# Runs lintian on the built .deb, installs it, checks what it put where,
+# removes it and purges it. Needs root (dpkg); run by 'make test-package'.
 set -euo pipefail
 
 deb=$(ls "${1:-build-package}"/tsanomalydetect_*_amd64.deb | head -n 1)
@@ -12,6 +12,12 @@ user_existed=no
 getent passwd tsanomaly >/dev/null && user_existed=yes
 fail() { echo "deb_install_test: FAIL: $*" >&2; exit 1; }
 check() { "$@" || fail "$*"; }
+
+# lintian judges the package as Debian would: any error or warning fails
+# (its overrides file gives the reason for each tag it silences).
+command -v lintian >/dev/null || fail "lintian is not installed (run scripts/install-deps)"
+echo "deb_install_test: lintian $(basename "$deb")"
+lintian --fail-on error,warning --display-info "$deb" || fail "lintian"
 
 dpkg -P tsanomalydetect >/dev/null 2>&1 || true
 dpkg -i "$deb" >/dev/null
@@ -27,6 +33,9 @@ grep -q '^ExecStart=/usr/bin/tsanomalydetect' /usr/lib/systemd/system/tsanomalyd
 /usr/bin/tsanomalyctl status /var/lib/tsanomalydetect/anomaly.db | grep -q '^Pending jobs  *0$' \
   || fail "postinst did not create an empty detector database"
 /usr/bin/tsanomalyctl --help | grep -q 'usage: tsanomalyctl' || fail "installed tool does not run"
+rules=/usr/share/tsanomalydetect/prometheus/tsanomalydetect.rules.yml
+check test -f "$rules"
+if command -v promtool >/dev/null; then promtool check rules "$rules" >/dev/null || fail "installed alerting rules"; fi
 
 # The service's own system user owns its data and log folders (0750) and
 # its database (0640); nothing of it is readable by other users.
@@ -49,7 +58,7 @@ check_exposure() {
   awk -v e="${exposure:-99}" 'BEGIN { exit !(e <= 2.0) }' || fail "installed $(basename "$1") exposure ${exposure:-unknown}"
 }
 unit=/usr/lib/systemd/system/tsanomalydetect.service
-for line in User=tsanomaly Type=notify StateDirectory=tsanomalydetect LogsDirectory=tsanomalydetect \
+for line in User=tsanomaly Type=notify Restart=always StateDirectory=tsanomalydetect LogsDirectory=tsanomalydetect \
             ConfigurationDirectory=tsanomalydetect; do
   grep -qx "$line" "$unit" || fail "the unit lacks $line"
 done
