@@ -47,7 +47,11 @@ std::string metrics_text(const std::vector<MetricFamily>& families) {
         }
         out += '}';
       }
-      out += " " + number(sample.value) + "\n";
+      // Appended piece by piece: GCC 12 warns (-Wrestrict, wrongly) on a
+      // temporary built from a literal and a string here in optimised builds.
+      out += ' ';
+      out += number(sample.value);
+      out += '\n';
     }
   }
   return out;
