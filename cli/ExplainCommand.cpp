@@ -120,7 +120,7 @@ void print_human(const Judgement& j) {
   if (!j.standard_output.empty()) std::cout << "  (standard output) " << visible_text(j.standard_output) << "\n";
   print_training(j);
   print_clustering(j);
-  std::cout << "\nOutcome: " << j.outcome << " - " << j.reason << "\n";
+  std::cout << "\nOutcome: " << outcome_name(j.outcome) << " - " << j.reason << "\n";
   if (!j.hint.empty()) std::cout << "Hint: " << j.hint << "\n";
   if (!j.payload.empty()) std::cout << "Payload: " << visible_text(j.payload) << "\n";
 }
@@ -167,7 +167,7 @@ Json clustering_json(const Judgement& j) {
 void print_json(const Judgement& j) {
   Json root = Json::object();
   root.set("unique_key", Json::string(j.unique_key));
-  root.set("outcome", Json::string(j.outcome));
+  root.set("outcome", Json::string(outcome_name(j.outcome)));
   root.set("reason", Json::string(j.reason));
   if (!j.hint.empty()) root.set("hint", Json::string(j.hint));
   root.set("reported_already", Json::boolean(j.reported_already));

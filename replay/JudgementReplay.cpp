@@ -209,3 +209,13 @@ std::vector<std::string> pending_job_keys(const std::string& database_path, long
   for (Row& row : rows) keys.push_back(row["UNIQUE_KEY"].text());
   return keys;
 }
+
+const char* outcome_name(ReplayedOutcome outcome) {
+  switch (outcome) {
+    case ReplayedOutcome::history: return "history";
+    case ReplayedOutcome::anomaly: return "anomaly";
+    case ReplayedOutcome::processed: return "processed";
+    case ReplayedOutcome::pending: break;
+  }
+  return "pending";
+}

@@ -31,6 +31,17 @@ struct FeatureReading {
   bool in_range = true;
 };
 
+// Where the job stands after the replayed pass.
+enum class ReplayedOutcome {
+  history,    // accepted into the history
+  anomaly,    // reported
+  processed,  // marked processed, neither accepted nor reported
+  pending,    // left pending: the next pass meets it again
+};
+
+// "history", "anomaly", "processed" or "pending", as explain prints it.
+const char* outcome_name(ReplayedOutcome outcome);
+
 struct Judgement {
   // How the job stands in the database now.
   std::string unique_key;
@@ -64,9 +75,10 @@ struct Judgement {
   DecidingRule rule = DecidingRule::none;
   std::string deciding_words;
 
-  // The outcome: "history", "anomaly", "pending" or "processed", a short
-  // reason, and for an anomaly the payload the pass would write.
-  std::string outcome, reason, payload;
+  // The outcome, a short reason, and for an anomaly the payload the pass
+  // would write.
+  ReplayedOutcome outcome = ReplayedOutcome::pending;
+  std::string reason, payload;
   // Set when the job cannot be judged: why, and what would change it.
   enum class Unjudgeable { no, unequal_features, features_disabled, pass_failed };
   Unjudgeable unjudgeable = Unjudgeable::no;

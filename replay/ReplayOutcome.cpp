@@ -140,19 +140,19 @@ void describe_outcome(DetectionService& service, Judgement& judgement) {
   }
   judgement.reason = judgement.deciding_words;
   if (!in_history.empty() && static_cast<int>(in_history[0]["N"]) != 0) {
-    judgement.outcome = "history";
+    judgement.outcome = ReplayedOutcome::history;
     if (!judgement.judged) {
       judgement.reason = "a user's verdict on it (false positive) moves it into the history before the pass judges";
     } else if (judgement.reason.empty()) {
       judgement.reason = "accepted without judgement: its workload has no history yet";
     }
   } else if (!reports.empty()) {
-    judgement.outcome = "anomaly";
+    judgement.outcome = ReplayedOutcome::anomaly;
     judgement.payload = reports[0]["ANOMALY_PAYLOAD"].text();
   } else if (!queued.empty() && static_cast<int>(queued[0]["PROCESSED_STATUS"]) != 0) {
-    judgement.outcome = "processed";
+    judgement.outcome = ReplayedOutcome::processed;
   } else {
-    judgement.outcome = "pending";
+    judgement.outcome = ReplayedOutcome::pending;
     explain_pending(judgement);
   }
 }

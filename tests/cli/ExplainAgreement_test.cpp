@@ -102,16 +102,16 @@ std::string attributes_of(const std::string& payload) {
 }
 
 void expect_agreement(const std::string& key, const Judgement& predicted, const Actual& actual) {
-  if (predicted.outcome == "history") {
+  if (predicted.outcome == ReplayedOutcome::history) {
     EXPECT_TRUE(actual.in_history && !actual.queued) << key << ": " << predicted.reason;
-  } else if (predicted.outcome == "anomaly") {
+  } else if (predicted.outcome == ReplayedOutcome::anomaly) {
     ASSERT_FALSE(actual.payload.empty()) << key << ": predicted an anomaly, the pass reported none";
     EXPECT_EQ(attributes_of(actual.payload), attributes_of(predicted.payload)) << key;
     EXPECT_TRUE(actual.queued && actual.status == 1) << key;
-  } else if (predicted.outcome == "processed") {
+  } else if (predicted.outcome == ReplayedOutcome::processed) {
     EXPECT_TRUE(actual.queued && actual.status == 1 && actual.payload.empty()) << key;
   } else {
-    EXPECT_EQ(predicted.outcome, "pending") << key;
+    EXPECT_EQ(predicted.outcome, ReplayedOutcome::pending) << key;
     EXPECT_TRUE(actual.queued && actual.status == 0 && !actual.in_history) << key << ": " << predicted.reason;
   }
 }
@@ -126,7 +126,7 @@ TEST_P(ExplainAgreementTest, EveryPendingJobEndsAsExplained) {
   std::map<std::string, int> outcomes;
   for (const std::string& key : pending_job_keys(db(), 100000)) {
     predicted[key] = replay_judgement(db(), key, settings);
-    ++outcomes[predicted[key].outcome];
+    ++outcomes[outcome_name(predicted[key].outcome)];
   }
   run_pass();
   const std::map<std::string, Actual> actual = state_after();
