@@ -108,15 +108,10 @@ class DetectionService {
   // Stores the smallest grid eps at which the training set has no noise.
   void calibrate(const Row& job, const TrainingRecords& training_records, int full_feature_set);
   void calibrate(const Row& job, const Rows& training_records, int full_feature_set);
-  // The eps calibrate would store for this training set, without storing it.
-  double calibrated_eps(const TrainingRecords& training_records, int full_feature_set) const;
   void mark_for_re_calibration(const Row& job);
 
   // Validation look-ups.
   int get_last_backup_for_anomaly_detected_backup(const Row& record, int full_feature_set);
-  // The workload's last backup on any storage, or -1 (opt-in look-up for a
-  // job judged on the fallback set, which spans storages).
-  int get_last_backup_on_any_storage(const Row& record);
   // 0 when a user-confirmed training row lies within eps (inclusive) of the
   // job (matrix row 0), 1 when the job stays an anomaly.
   int check_anomaly_with_user_identified_cluster(const Row& record, const TrainingRecords& training_rows,
@@ -167,6 +162,12 @@ class DetectionService {
   // borrowed from the pass's statement cache, otherwise compiled for this
   // use alone.
   Statement statement(const char* sql);
+
+  // The eps calibrate would store for this training set, without storing it.
+  double calibrated_eps(const TrainingRecords& training_records, int full_feature_set) const;
+  // The workload's last backup on any storage, or -1 (opt-in look-up for a
+  // job judged on the fallback set, which spans storages).
+  int get_last_backup_on_any_storage(const Row& record);
 
   // The steps of one job, in pass order; each that returns bool returns
   // true when it decided the job's outcome.
