@@ -43,7 +43,7 @@ const Command* find_command(const char* name) {
 }
 
 void print_usage(std::ostream& out) {
-  out << "usage: tsanomalyctl COMMAND [OPTIONS]\n\ncommands:\n";
+  out << "usage: tsanomalyctl COMMAND [OPTIONS]\n       tsanomalyctl --version\n\ncommands:\n";
   for (const Command& command : kCommands) {
     out << "  " << command.name << std::string(12 - std::strlen(command.name), ' ') << command.summary << "\n";
   }
