@@ -62,7 +62,7 @@ install: build
 package: deps
 	cmake -S . -B $(PACKAGE_DIR) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DTSANOMALY_BENCH=OFF -DTSANOMALY_TESTS=OFF \
 	  -DTSANOMALY_REQUIRE_MANPAGES=ON
-	cmake --build $(PACKAGE_DIR) -j $(JOBS) --target tsanomalydetect tsanomalyctl manpages
+	cmake --build $(PACKAGE_DIR) -j $(JOBS) --target tsanomalydetect tsanomalyctl manpages bash-completion
 	cd $(PACKAGE_DIR) && cpack
 
 test-package: package
