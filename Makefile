@@ -60,8 +60,9 @@ install: build
 	cmake --install $(BUILD_DIR)
 
 package: deps
-	cmake -S . -B $(PACKAGE_DIR) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DTSANOMALY_BENCH=OFF -DTSANOMALY_TESTS=OFF
-	cmake --build $(PACKAGE_DIR) -j $(JOBS) --target tsanomalydetect tsanomalyctl
+	cmake -S . -B $(PACKAGE_DIR) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DTSANOMALY_BENCH=OFF -DTSANOMALY_TESTS=OFF \
+	  -DTSANOMALY_REQUIRE_MANPAGES=ON
+	cmake --build $(PACKAGE_DIR) -j $(JOBS) --target tsanomalydetect tsanomalyctl manpages bash-completion
 	cd $(PACKAGE_DIR) && cpack
 
 test-package: package

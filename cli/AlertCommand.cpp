@@ -15,11 +15,12 @@
 #include "alerts/AlertCycle.h"
 #include "alerts/AlertLog.h"
 
-const CommandArgs::Syntax kSyntax{
+const CommandArgs::Syntax kAlertSyntax{
     {{.name = "--config", .value_name = "INI", .help = "the configuration file (required)"},
      {.name = "--once", .help = "run one cycle and exit: 0, or 1 when DB could not be used"}},
     1,
-    1};
+    1,
+    {"DB"}};
 
 const std::string kAlertHelp =
     "usage: tsanomalyctl alert DB --config INI [--once]\n"
@@ -37,9 +38,9 @@ const std::string kAlertHelp =
     "acknowledged before its alert went out is not alerted. Runs until SIGTERM\n"
     "or SIGINT; logs to standard error.\n"
     "\n" +
-    CommandArgs::options_help(kSyntax.options);
+    options_help(kAlertSyntax.options);
 
-const CommandArgs::Syntax kTestSyntax{{{.name = "--config", .value_name = "INI", .help = "the configuration file"}}, 0, 0};
+const CommandArgs::Syntax kAlertTestSyntax{{{.name = "--config", .value_name = "INI", .help = "the configuration file"}}, 0, 0};
 
 const std::string kAlertTestHelp =
     "usage: tsanomalyctl alert-test --config INI\n"
@@ -49,7 +50,7 @@ const std::string kAlertTestHelp =
     "DISABLE_ALERT_SERVICE says and touches no database. Exit status 0 when\n"
     "every configured channel took the alert, 1 otherwise.\n"
     "\n" +
-    CommandArgs::options_help(kTestSyntax.options);
+    options_help(kAlertTestSyntax.options);
 
 namespace {
 
@@ -69,7 +70,7 @@ std::string padded(const std::string& name) { return name + std::string(name.siz
 }  // namespace
 
 int run_alert(int argc, char** argv) {
-  CommandArgs args(argc, argv, kSyntax);
+  CommandArgs args(argc, argv, kAlertSyntax);
   if (auto exit_code = args.help_or_usage_error("alert", kAlertHelp)) return *exit_code;
   std::optional<int> exit_code;
   const auto config = config_path(args, "alert", exit_code);
@@ -90,7 +91,7 @@ int run_alert(int argc, char** argv) {
 }
 
 int run_alert_test(int argc, char** argv) {
-  CommandArgs args(argc, argv, kTestSyntax);
+  CommandArgs args(argc, argv, kAlertTestSyntax);
   if (auto exit_code = args.help_or_usage_error("alert-test", kAlertTestHelp)) return *exit_code;
   std::optional<int> exit_code;
   const auto config = config_path(args, "alert-test", exit_code);

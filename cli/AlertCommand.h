@@ -6,6 +6,10 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kAlertSyntax;
+extern const CommandArgs::Syntax kAlertTestSyntax;
 extern const std::string kAlertHelp;
 extern const std::string kAlertTestHelp;
 

@@ -13,7 +13,7 @@
 #include "operator/TimeText.h"
 #include "util/Json.h"
 
-const CommandArgs::Syntax kSyntax{
+const CommandArgs::Syntax kAnomaliesSyntax{
     {{.name = "--json", .help = "one JSON object per line, with the whole stored payload"},
      {.name = "--client", .value_name = "NAME", .help = "only this client (letter case ignored)"},
      {.name = "--since",
@@ -21,7 +21,8 @@ const CommandArgs::Syntax kSyntax{
       .help = "only anomalies detected at or after DATE, local time,\nas YYYY-MM-DD or 'YYYY-MM-DD HH:MM[:SS]'"},
      {.name = "--limit", .value_name = "N", .help = "at most N anomalies (default 100)", .whole = WholeRange{1, 1000000000}}},
     1,
-    1};
+    1,
+    {"DB"}};
 
 const std::string kAnomaliesHelp =
     "usage: tsanomalyctl anomalies DB [--json] [--client NAME] [--since DATE] [--limit N]\n"
@@ -30,7 +31,7 @@ const std::string kAnomaliesHelp =
     "time, summary (the features that left their usual range) and score (the\n"
     "distance to the nearest cluster of normal jobs; larger is stranger).\n"
     "\n" +
-    CommandArgs::options_help(kSyntax.options);
+    options_help(kAnomaliesSyntax.options);
 
 namespace {
 
@@ -91,7 +92,7 @@ void print_json_lines(const std::vector<AnomalyRecord>& records) {
 }  // namespace
 
 int run_anomalies(int argc, char** argv) {
-  CommandArgs args(argc, argv, kSyntax);
+  CommandArgs args(argc, argv, kAnomaliesSyntax);
   AnomalyStore::Filter filter;
   filter.limit = args.integer("--limit", kDefaultLimit);
   filter.client = args.value("--client");

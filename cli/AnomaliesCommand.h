@@ -4,5 +4,8 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kAnomaliesSyntax;
 extern const std::string kAnomaliesHelp;
 int run_anomalies(int argc, char** argv);

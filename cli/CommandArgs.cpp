@@ -11,13 +11,6 @@
 
 namespace {
 
-std::string label(const CommandOption& option) {
-  std::string text = option.name;
-  if (!option.alias.empty()) text += ", " + option.alias;
-  if (!option.value_name.empty()) text += " " + option.value_name;
-  return text;
-}
-
 CommandArgs::Syntax syntax_of(const CommandArgs::Grammar& grammar) {
   CommandArgs::Syntax syntax{{}, grammar.min_positional, grammar.max_positional};
   for (const std::string& name : grammar.flags) syntax.options.push_back({.name = name});
@@ -143,20 +136,6 @@ double CommandArgs::number(const std::string& name, double fallback, double min,
     return fallback;
   }
   return parsed;
-}
-
-std::string CommandArgs::options_help(const std::vector<CommandOption>& options) {
-  std::size_t width = 0;
-  for (const CommandOption& option : options) width = std::max(width, label(option).size());
-  const std::string indent(2 + width + 2, ' ');
-  std::string text;
-  for (const CommandOption& option : options) {
-    const std::string name = label(option);
-    text += "  " + name + std::string(width - name.size() + 2, ' ');
-    for (const char c : option.help) text += c == '\n' ? "\n" + indent : std::string(1, c);
-    text += "\n";
-  }
-  return text;
 }
 
 std::optional<int> CommandArgs::help_or_usage_error(const std::string& command, const std::string& help_text) const {

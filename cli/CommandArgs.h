@@ -12,23 +12,7 @@
 #include <string>
 #include <vector>
 
-struct WholeRange {
-  long long min;
-  long long max;
-};
-struct NumberRange {
-  double min;
-  double max;
-};
-
-struct CommandOption {
-  std::string name;                     // e.g. "--limit"
-  std::string value_name{};             // e.g. "N"; empty for a flag
-  std::string help{};                   // its --help text; each '\n' starts a line under the first
-  std::string alias{};                  // another spelling, e.g. "--output" for "-o"
-  std::optional<WholeRange> whole{};    // a whole number within this range
-  std::optional<NumberRange> number{};  // a number within this range
-};
+#include "util/CommandOption.h"
 
 class CommandArgs {
  public:
@@ -36,6 +20,9 @@ class CommandArgs {
     std::vector<CommandOption> options;
     std::size_t min_positional = 0;
     std::size_t max_positional = 0;
+    // The positional arguments' names, as the usage line writes them (e.g.
+    // "DB"): the shell completion offers file names for a DB.
+    std::vector<std::string> arguments{};
   };
   // The bare shape, for a command without help texts.
   struct Grammar {
@@ -48,10 +35,6 @@ class CommandArgs {
   // argv[0] is the command's name. "--help" / "-h" anywhere sets help().
   CommandArgs(int argc, char** argv, Syntax syntax);
   CommandArgs(int argc, char** argv, const Grammar& grammar);
-
-  // The options section of a command's --help: one entry per option, its
-  // text in a column after the widest name.
-  static std::string options_help(const std::vector<CommandOption>& options);
 
   bool ok() const { return error_.empty(); }
   const std::string& error() const { return error_; }

@@ -136,7 +136,7 @@ TEST(CommandArgs, AnAliasReadsAsItsOption) {
 }
 
 TEST(CommandArgs, OptionsHelpAlignsTheTextsAfterTheWidestName) {
-  EXPECT_EQ(CommandArgs::options_help(kDeclared.options),
+  EXPECT_EQ(options_help(kDeclared.options),
             "  --json             one object per line\n"
             "  -o, --output FILE  where to write\n"
             "                     the page\n"

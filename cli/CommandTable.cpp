@@ -17,21 +17,23 @@
 namespace {
 
 const Command kCommands[] = {
-    {"init", "create a detector database", run_init},
-    {"detect", "run one detection pass now", run_detect},
-    {"anomalies", "list reported anomalies, newest first", run_anomalies},
-    {"feedback", "report an anomaly as a false positive", run_feedback},
-    {"explain", "show how a job of the queue is judged, step by step", run_explain},
-    {"report", "write an HTML page of the anomalies with charts", run_report},
-    {"serve", "serve the operator console: pages, JSON API, metrics", run_serve},
-    {"status", "queue, history, models and recent anomalies", run_status},
-    {"simulate", "fill a database with synthetic backup jobs", run_simulate},
-    {"upgrade", "compare a database with the detector's schema; add what is missing", run_upgrade},
-    {"alert", "send alerts for new anomalies (the alert process)", run_alert},
-    {"alert-test", "send a test alert through every configured channel", run_alert_test},
+    {"init", "create a detector database", run_init, kInitSyntax},
+    {"detect", "run one detection pass now", run_detect, kDetectSyntax},
+    {"anomalies", "list reported anomalies, newest first", run_anomalies, kAnomaliesSyntax},
+    {"feedback", "report an anomaly as a false positive", run_feedback, kFeedbackSyntax},
+    {"explain", "show how a job of the queue is judged, step by step", run_explain, kExplainSyntax},
+    {"report", "write an HTML page of the anomalies with charts", run_report, kReportSyntax},
+    {"serve", "serve the operator console: pages, JSON API, metrics", run_serve, kServeSyntax},
+    {"status", "queue, history, models and recent anomalies", run_status, kStatusSyntax},
+    {"simulate", "fill a database with synthetic backup jobs", run_simulate, kSimulateSyntax},
+    {"upgrade", "compare a database with the detector's schema; add what is missing", run_upgrade, kUpgradeSyntax},
+    {"alert", "send alerts for new anomalies (the alert process)", run_alert, kAlertSyntax},
+    {"alert-test", "send a test alert through every configured channel", run_alert_test, kAlertTestSyntax},
 };
 
 }  // namespace
+
+std::span<const Command> all_commands() { return kCommands; }
 
 const Command* find_command(const char* name) {
   for (const Command& command : kCommands) {
@@ -43,7 +45,7 @@ const Command* find_command(const char* name) {
 }
 
 void print_usage(std::ostream& out) {
-  out << "usage: tsanomalyctl COMMAND [OPTIONS]\n\ncommands:\n";
+  out << "usage: tsanomalyctl COMMAND [OPTIONS]\n       tsanomalyctl --version\n\ncommands:\n";
   for (const Command& command : kCommands) {
     out << "  " << command.name << std::string(12 - std::strlen(command.name), ' ') << command.summary << "\n";
   }

@@ -10,17 +10,9 @@
 #include "service/SchemaFindings.h"
 #include "service/ServiceOptions.h"
 
-// The service's own options, read by ServiceOptions; declared here for the
-// help and to refuse a misspelt one rather than run without it.
-const CommandArgs::Syntax kSyntax{
-    {{.name = "-database_location", .value_name = "DIR", .help = "the folder of the detector database"},
-     {.name = "-database_file_name", .value_name = "FILE", .help = "the detector database's file name in DIR"},
-     {.name = "-eps", .value_name = "EPS", .help = "DBSCAN's eps (default: calibrated per workload)"},
-     {.name = "-min_samples", .value_name = "N", .help = "DBSCAN's min_samples, at least 3 (default 3)"},
-     {.name = "-log_path", .value_name = "DIR", .help = "where the log goes (default /usr/tsroot/tessaryn/logs)"},
-     {.name = "-config_file", .value_name = "INI", .help = "the configuration file (default: the built-in settings)"}},
-    0,
-    0};
+// The service's own options, as ServiceOptions declares and reads them:
+// listed by --help, and a misspelt one is refused rather than run without.
+const CommandArgs::Syntax kDetectSyntax{ServiceOptions::declared(), 0, 0};
 
 const std::string kDetectHelp =
     "usage: tsanomalyctl detect -database_location DIR -database_file_name FILE [-eps EPS]\n"
@@ -31,7 +23,7 @@ const std::string kDetectHelp =
     "(default log path /usr/tsroot/tessaryn/logs). SIGTERM or SIGINT finish the job\n"
     "in hand and leave the rest pending.\n"
     "\n" +
-    CommandArgs::options_help(kSyntax.options);
+    options_help(kDetectSyntax.options);
 
 namespace {
 
@@ -46,7 +38,7 @@ bool wants_help(int argc, char** argv) {
 // does not know; it would otherwise be ignored without a word.
 std::optional<std::string> unknown_option(int argc, char** argv) {
   for (const std::string& name : ServiceOptions::parse(argc, argv).named) {
-    const bool known = std::any_of(kSyntax.options.begin(), kSyntax.options.end(),
+    const bool known = std::any_of(kDetectSyntax.options.begin(), kDetectSyntax.options.end(),
                                    [&](const CommandOption& option) { return option.name == name; });
     if (!known) return name;
   }

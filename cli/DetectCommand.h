@@ -4,6 +4,9 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kDetectSyntax;
 extern const std::string kDetectHelp;
 
 // Exit status 0 after the pass, 1 when the debug log cannot be opened.

@@ -12,7 +12,7 @@
 #include "replay/JudgementReplay.h"
 #include "util/Json.h"
 
-const CommandArgs::Syntax kSyntax{
+const CommandArgs::Syntax kExplainSyntax{
     {{.name = "-config_file", .value_name = "INI", .help = "the service's configuration file"},
      {.name = "-eps", .value_name = "E", .help = "the service's -eps", .number = NumberRange{-1e300, 1e300}},
      {.name = "-min_samples",
@@ -22,7 +22,8 @@ const CommandArgs::Syntax kSyntax{
      {.name = "--json",
       .help = "one JSON object: outcome (history, anomaly, pending, processed),\nreason, and the details above"}},
     2,
-    2};
+    2,
+    {"DB", "UNIQUE_KEY"}};
 
 const std::string kExplainHelp =
     "usage: tsanomalyctl explain DB UNIQUE_KEY [-config_file INI] [-eps E] [-min_samples N] [--json]\n"
@@ -39,7 +40,7 @@ const std::string kExplainHelp =
     "DB is opened read-only and never changed, also while the service runs.\n"
     "Give the service's -config_file, -eps and -min_samples for its judgement.\n"
     "\n" +
-    CommandArgs::options_help(kSyntax.options) +
+    options_help(kExplainSyntax.options) +
     "\n"
     "Exit status: 0 explained, 1 DB or the job could not be read, 2 bad arguments.\n";
 
@@ -187,7 +188,7 @@ void print_json(const Judgement& j) {
 }  // namespace
 
 int run_explain(int argc, char** argv) {
-  CommandArgs args(argc, argv, kSyntax);
+  CommandArgs args(argc, argv, kExplainSyntax);
   if (auto exit_code = args.help_or_usage_error("explain", kExplainHelp)) return *exit_code;
   ReplaySettings settings;
   settings.config_file = args.value("-config_file").value_or("");

@@ -4,5 +4,8 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kExplainSyntax;
 extern const std::string kExplainHelp;
 int run_explain(int argc, char** argv);

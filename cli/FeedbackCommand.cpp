@@ -7,7 +7,7 @@
 #include "operator/ErrorText.h"
 #include "operator/Verdict.h"
 
-const CommandArgs::Syntax kSyntax{{}, 2, 2};
+const CommandArgs::Syntax kFeedbackSyntax{{}, 2, 2, {"DB", "ANOMALY_ID"}};
 
 const std::string kFeedbackHelp =
     "usage: tsanomalyctl feedback DB ANOMALY_ID\n"
@@ -20,7 +20,7 @@ const std::string kFeedbackHelp =
     "has left the detection queue, since no pass could learn it any more.\n";
 
 int run_feedback(int argc, char** argv) {
-  CommandArgs args(argc, argv, kSyntax);
+  CommandArgs args(argc, argv, kFeedbackSyntax);
   if (auto exit_code = args.help_or_usage_error("feedback", kFeedbackHelp)) return *exit_code;
   const std::string path = args.positional()[0];
   const std::string id = args.positional()[1];

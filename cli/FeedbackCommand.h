@@ -4,5 +4,8 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kFeedbackSyntax;
 extern const std::string kFeedbackHelp;
 int run_feedback(int argc, char** argv);

@@ -20,8 +20,8 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::sqlite_exception;
 
-const CommandArgs::Syntax kSyntax{
-    {{.name = "--force", .help = "create the tables also in a file that holds other tables"}}, 1, 1};
+const CommandArgs::Syntax kInitSyntax{
+    {{.name = "--force", .help = "create the tables also in a file that holds other tables"}}, 1, 1, {"DB"}};
 
 const std::string kInitHelp =
     "usage: tsanomalyctl init DB [--force]\n"
@@ -35,7 +35,7 @@ const std::string kInitHelp =
     "Running it again on a detector database changes nothing. A file that holds\n"
     "other tables is left alone unless --force is given.\n"
     "\n" +
-    CommandArgs::options_help(kSyntax.options);
+    options_help(kInitSyntax.options);
 
 namespace {
 
@@ -80,7 +80,7 @@ std::string failure_text(const std::exception& e) {
 }  // namespace
 
 int run_init(int argc, char** argv) {
-  CommandArgs args(argc, argv, kSyntax);
+  CommandArgs args(argc, argv, kInitSyntax);
   if (auto exit_code = args.help_or_usage_error("init", kInitHelp)) return *exit_code;
   const std::string path = args.positional()[0];
   try {

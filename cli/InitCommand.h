@@ -4,5 +4,8 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kInitSyntax;
 extern const std::string kInitHelp;
 int run_init(int argc, char** argv);

@@ -17,7 +17,7 @@
 #include "report/HtmlReport.h"
 #include "util/SafeFile.h"
 
-const CommandArgs::Syntax kSyntax{
+const CommandArgs::Syntax kReportSyntax{
     {{.name = "-o",
       .value_name = "FILE",
       .help = "where to write the page (an existing file is replaced)",
@@ -31,7 +31,8 @@ const CommandArgs::Syntax kSyntax{
       .help = "chart the D days of history before each job (default 180)",
       .whole = WholeRange{1, 100000}}},
     1,
-    1};
+    1,
+    {"DB"}};
 
 const std::string kReportHelp =
     "usage: tsanomalyctl report DB -o FILE.html [--limit N] [--days D]\n"
@@ -42,7 +43,7 @@ const std::string kReportHelp =
     "for every feature that left its usual range. The page is self-contained:\n"
     "no scripts, nothing fetched; open it in any browser, also offline.\n"
     "\n" +
-    CommandArgs::options_help(kSyntax.options);
+    options_help(kReportSyntax.options);
 
 namespace {
 
@@ -80,7 +81,7 @@ std::optional<std::string> database_file_named(const std::string& database, cons
 }  // namespace
 
 int run_report(int argc, char** argv) {
-  CommandArgs args(argc, argv, kSyntax);
+  CommandArgs args(argc, argv, kReportSyntax);
   const long long limit = args.integer("--limit", kDefaultLimit);
   const long long days = args.integer("--days", kDefaultDays);
   if (auto exit_code = args.help_or_usage_error("report", kReportHelp)) return *exit_code;

@@ -5,6 +5,9 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kReportSyntax;
 extern const std::string kReportHelp;
 
 // Exit status 0 when the page was written, 2 for a usage error, 1 when the

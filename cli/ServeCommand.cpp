@@ -16,7 +16,7 @@
 #include "console/ConsoleServer.h"
 #include "console/ListenAddress.h"
 
-const CommandArgs::Syntax kSyntax{
+const CommandArgs::Syntax kServeSyntax{
     {{.name = "--listen",
       .value_name = "ADDR:PORT",
       .help = "where to listen (default 127.0.0.1:8470; port 0 picks a\nfree one). An address other than loopback needs\n"
@@ -32,7 +32,8 @@ const CommandArgs::Syntax kSyntax{
       .help = "the detector's configuration, with which the status page\ncounts the pending jobs the next pass cannot "
               "judge\n(default: the built-in settings)"}},
     1,
-    1};
+    1,
+    {"DB"}};
 
 const std::string kServeHelp =
     "usage: tsanomalyctl serve DB [--listen ADDR:PORT] [--token-file FILE]\n"
@@ -47,7 +48,7 @@ const std::string kServeHelp =
     "header 'Authorization: Bearer TOKEN' for the API, or, in a browser, the\n"
     "address printed at start-up ('.../?token=TOKEN'), which opens a session.\n"
     "\n" +
-    CommandArgs::options_help(kSyntax.options) +
+    options_help(kServeSyntax.options) +
     "\n"
     "SIGTERM or SIGINT stops the server; it exits with status 0.\n";
 
@@ -117,7 +118,7 @@ int serve(ConsoleConfig config, const std::string& token_file) {
 }  // namespace
 
 int run_serve(int argc, char** argv) {
-  CommandArgs args(argc, argv, kSyntax);
+  CommandArgs args(argc, argv, kServeSyntax);
   if (auto exit_code = args.help_or_usage_error("serve", kServeHelp)) return *exit_code;
   ConsoleConfig config;
   config.database = args.positional()[0];

@@ -4,5 +4,8 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kServeSyntax;
 extern const std::string kServeHelp;
 int run_serve(int argc, char** argv);

@@ -16,7 +16,7 @@
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 
-const CommandArgs::Syntax kSyntax{
+const CommandArgs::Syntax kSimulateSyntax{
     {{.name = "--workloads",
       .value_name = "N",
       .help = "workloads, 1-20000 (default 50)",
@@ -43,7 +43,8 @@ const CommandArgs::Syntax kSyntax{
       .help = "the same seed and options give the same data (default 1)",
       .whole = WholeRange{0, LLONG_MAX}}},
     1,
-    1};
+    1,
+    {"DB"}};
 
 const std::string kSimulateHelp =
     "usage: tsanomalyctl simulate DB [--workloads N] [--days D] [--pending P] [--anomalies PCT]\n"
@@ -59,7 +60,7 @@ const std::string kSimulateHelp =
     "blow-up. Those are listed in SIMULATED_ANOMALY (UNIQUE_KEY, KIND), a table the\n"
     "detector never reads, so that its findings can be checked.\n"
     "\n" +
-    CommandArgs::options_help(kSyntax.options) +
+    options_help(kSimulateSyntax.options) +
     "\n"
     "DB must not hold jobs yet. Exit status: 0 filled, 1 DB could not be filled,\n"
     "2 bad arguments.\n";
@@ -149,7 +150,7 @@ void print_summary(const std::string& path, const BackupSimulator::Summary& summ
 }  // namespace
 
 int run_simulate(int argc, char** argv) {
-  CommandArgs args(argc, argv, kSyntax);
+  CommandArgs args(argc, argv, kSimulateSyntax);
   const BackupSimulator simulator(read_settings(args));
   if (auto exit_code = args.help_or_usage_error(kCommand, kSimulateHelp)) return *exit_code;
   if (const std::string problem = combination_problem(args, simulator); !problem.empty()) {

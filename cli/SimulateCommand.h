@@ -5,6 +5,9 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kSimulateSyntax;
 extern const std::string kSimulateHelp;
 
 // Exit status 0 when filled, 1 when the database cannot be filled (it already

@@ -14,12 +14,13 @@
 #include "upgrade/UpgradeAdvice.h"
 #include "operator/StatusFigures.h"
 
-const CommandArgs::Syntax kSyntax{
+const CommandArgs::Syntax kStatusSyntax{
     {{.name = "-config_file",
       .value_name = "INI",
       .help = "the configuration the service uses, to judge the pending jobs"}},
     1,
-    1};
+    1,
+    {"DB"}};
 
 const std::string kStatusHelp =
     "usage: tsanomalyctl status DB [-config_file INI]\n"
@@ -38,7 +39,7 @@ const std::string kStatusHelp =
     "pending at every pass), it says how many and why, judged with the\n"
     "configuration INI the service uses (-config_file; built-in defaults without).\n"
     "\n" +
-    CommandArgs::options_help(kSyntax.options);
+    options_help(kStatusSyntax.options);
 
 namespace {
 
@@ -94,7 +95,7 @@ void print_alert_figures(const StatusFigures& figures) {
 }  // namespace
 
 int run_status(int argc, char** argv) {
-  CommandArgs args(argc, argv, kSyntax);
+  CommandArgs args(argc, argv, kStatusSyntax);
   if (auto exit_code = args.help_or_usage_error("status", kStatusHelp)) return *exit_code;
   try {
     const std::string& path = args.positional()[0];

@@ -4,5 +4,8 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kStatusSyntax;
 extern const std::string kStatusHelp;
 int run_status(int argc, char** argv);

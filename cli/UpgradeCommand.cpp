@@ -22,7 +22,7 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::sqlite_exception;
 using Remedy = SchemaFinding::Remedy;
 
-const CommandArgs::Syntax kSyntax{
+const CommandArgs::Syntax kUpgradeSyntax{
     {{.name = "--apply",
       .help = "create the missing indexes and triggers, all in one\ntransaction; no row is rewritten or removed"},
      {.name = "--wal",
@@ -32,7 +32,8 @@ const CommandArgs::Syntax kSyntax{
       .help = "how long to wait for another connection's write,\n0-600000 ms (default 10000, as the detector waits)",
       .whole = WholeRange{0, 600000}}},
     1,
-    1};
+    1,
+    {"DB"}};
 
 const std::string kUpgradeHelp =
     "usage: tsanomalyctl upgrade DB [--apply [--wal]] [--busy-timeout MS]\n"
@@ -42,7 +43,7 @@ const std::string kUpgradeHelp =
     "and lists each difference with what it costs the detector. Indexes count by\n"
     "what they index, not by their name. Without --apply DB is only read.\n"
     "\n" +
-    CommandArgs::options_help(kSyntax.options) +
+    options_help(kUpgradeSyntax.options) +
     "\n"
     "A missing uniqueness or column is reported, never changed in place: a unique\n"
     "index fails on a table that already holds duplicates, and the tables are the\n"
@@ -195,7 +196,7 @@ int apply(const std::string& path, int busy_timeout_ms, bool wal) {
 }  // namespace
 
 int run_upgrade(int argc, char** argv) {
-  CommandArgs args(argc, argv, kSyntax);
+  CommandArgs args(argc, argv, kUpgradeSyntax);
   const int busy_timeout_ms = static_cast<int>(args.integer("--busy-timeout", kBusyTimeoutMs));
   if (auto exit_code = args.help_or_usage_error(kCommand, kUpgradeHelp)) return *exit_code;
   if (args.flag("--wal") && !args.flag("--apply")) return CommandArgs::usage_error(kCommand, "--wal goes with --apply");

@@ -6,5 +6,8 @@
 
 #include <string>
 
+#include "cli/CommandArgs.h"
+
+extern const CommandArgs::Syntax kUpgradeSyntax;
 extern const std::string kUpgradeHelp;
 int run_upgrade(int argc, char** argv);

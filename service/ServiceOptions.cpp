@@ -40,6 +40,29 @@ std::map<std::string, std::string> scan(int argc, char** argv, std::vector<std::
 
 }  // namespace
 
+const std::vector<CommandOption>& ServiceOptions::declared() {
+  static const std::vector<CommandOption> options{
+      {.name = "-database_location", .value_name = "DIR", .help = "the folder of the detector database"},
+      {.name = "-database_file_name", .value_name = "FILE", .help = "the detector database's file name in DIR"},
+      {.name = "-eps", .value_name = "EPS", .help = "DBSCAN's eps (default: calibrated per workload)"},
+      {.name = "-min_samples", .value_name = "N", .help = "DBSCAN's min_samples, at least 3 (default 3)"},
+      {.name = "-log_path", .value_name = "DIR", .help = "where the log goes (default /usr/tsroot/tessaryn/logs)"},
+      {.name = "-config_file", .value_name = "INI", .help = "the configuration file (default: the built-in settings)"}};
+  return options;
+}
+
+std::string ServiceOptions::help() {
+  return "usage: tsanomalydetect -database_location DIR -database_file_name FILE [-eps EPS]\n"
+         "                       [-min_samples N] [-log_path DIR] [-config_file INI]\n"
+         "       tsanomalydetect --help | --version\n"
+         "\n"
+         "Runs a detection pass over the jobs pending in the detector database every\n"
+         "120 s until SIGTERM or SIGINT, which finish the job in hand and leave the\n"
+         "rest pending. Logs to <log_path>/tsanomalydetect/tsanomalydetect.log.\n"
+         "\n" +
+         options_help(declared());
+}
+
 ServiceOptions ServiceOptions::parse(int argc, char** argv) {
   ServiceOptions parsed;
   parsed.options = scan(argc, argv, parsed.named);

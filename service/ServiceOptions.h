@@ -1,6 +1,8 @@
-// ServiceOptions: the six command-line options of the service, read the way
-// the service has always read them, and the opening of its debug log. Shared
-// by the service's entry point and the operator tool's one-pass command.
+// ServiceOptions: the six command-line options of the service, declared once
+// (for --help, tsanomalyctl detect, the manual page's check and the shell
+// completion), read the way the service has always read them, and the
+// opening of its debug log. Shared by the service's entry point and the
+// operator tool's one-pass command.
 #pragma once
 
 #include <map>
@@ -8,10 +10,17 @@
 #include <string>
 #include <vector>
 
+#include "util/CommandOption.h"
+
 struct ServiceOptions {
   static constexpr const char* kProgramName = "tsanomalydetect";
   static constexpr const char* kDefaultLogPath = "/usr/tsroot/tessaryn/logs";
   static constexpr int kMinimumMinSamples = 3;
+
+  // The six options with their help texts, in the order --help lists them.
+  static const std::vector<CommandOption>& declared();
+  // What `tsanomalydetect --help` prints.
+  static std::string help();
 
   // Scans argv (argument 0 included) with ACE's argument shifter: an
   // argument starting with '-' is an option and takes the next argument as

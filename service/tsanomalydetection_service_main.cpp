@@ -1,7 +1,9 @@
-// The anomaly detection service: parses its six options, opens its debug
-// log, prints a short banner and runs detection passes until it is stopped.
+// The anomaly detection service: answers --help and --version, or parses
+// its six options, opens its debug log, prints a short banner and runs
+// detection passes until it is stopped.
 #include <unistd.h>
 
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <iostream>
@@ -11,8 +13,20 @@
 #include "service/SchemaFindings.h"
 #include "service/ServiceOptions.h"
 #include "platform/StopSignal.h"
+#include "schema/SchemaVersion.h"
+#include "util/ProgramVersion.h"
 
 int main(int argc, char** argv) {
+  // Answered before the service's own options are read, which would take
+  // any other argument for an option and start the service.
+  if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+    std::cout << version_text(ServiceOptions::kProgramName, anomaly_schema::kSchemaVersion) << "\n";
+    return 0;
+  }
+  if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+    std::cout << ServiceOptions::help();
+    return 0;
+  }
   const std::optional<ServiceOptions> started = ServiceOptions::start_up(argc, argv);
   if (!started) {
     return 1;

@@ -13,8 +13,7 @@ getent passwd tsanomaly >/dev/null && user_existed=yes
 fail() { echo "deb_install_test: FAIL: $*" >&2; exit 1; }
 check() { "$@" || fail "$*"; }
 
-# lintian judges the package as Debian would: any error or warning fails
-# (its overrides file gives the reason for each tag it silences).
+# lintian judges the package as Debian would: any error or warning fails.
 command -v lintian >/dev/null || fail "lintian is not installed (run scripts/install-deps)"
 echo "deb_install_test: lintian $(basename "$deb")"
 lintian --fail-on error,warning --display-info "$deb" || fail "lintian"
@@ -33,6 +32,15 @@ grep -q '^ExecStart=/usr/bin/tsanomalydetect' /usr/lib/systemd/system/tsanomalyd
 /usr/bin/tsanomalyctl status /var/lib/tsanomalydetect/anomaly.db | grep -q '^Pending jobs  *0$' \
   || fail "postinst did not create an empty detector database"
 /usr/bin/tsanomalyctl --help | grep -q 'usage: tsanomalyctl' || fail "installed tool does not run"
+# The manual pages, gzipped in their sections, and the bash completion.
+for page in man1/tsanomalyctl.1 man5/tsanomalydetect.ini.5 man8/tsanomalydetect.8; do
+  check test -f "/usr/share/man/$page.gz"
+  gzip -t "/usr/share/man/$page.gz" || fail "$page.gz is not gzip"
+done
+man -l /usr/share/man/man8/tsanomalydetect.8.gz 2>/dev/null | grep -q -- '-database_location' || fail "tsanomalydetect(8) does not render"
+completion=/usr/share/bash-completion/completions/tsanomalyctl
+check test -f "$completion"
+bash -c "source $completion && complete -p tsanomalyctl" | grep -q _tsanomalyctl || fail "the completion defines no completion"
 rules=/usr/share/tsanomalydetect/prometheus/tsanomalydetect.rules.yml
 check test -f "$rules"
 if command -v promtool >/dev/null; then promtool check rules "$rules" >/dev/null || fail "installed alerting rules"; fi
