@@ -2,8 +2,9 @@
 // prometheus-alertmanager on 127.0.0.1: after one cycle every anomaly is an
 // active alert with its labels, grouped as the route's group_by says; after
 // a verdict (a false positive, an acknowledgement) and another cycle those
-// alerts are resolved while the others stay active. Skipped when the
-// binary is not installed.
+// alerts are resolved while the others stay active; an older database
+// gains the table that remembers firing alerts. Skipped when the binary is
+// not installed.
 #include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -177,6 +178,18 @@ TEST_F(AlertmanagerDelivery, AFloodIsStillOneAlertPerAnomaly) {
   const auto alerts = active_alerts();
   EXPECT_EQ(alerts.size(), ids.size());
   for (const std::string& id : ids) EXPECT_EQ(alerts.count(id), 1u) << id;
+}
+
+TEST_F(AlertmanagerDelivery, ADatabaseFromBeforeTheFiringTableGetsIt) {
+  const auto ids = detect_anomalies(6);
+  ASSERT_FALSE(ids.empty());
+  ChildProcess init({TSANOMALYCTL_PATH, "init", db(), "--force"});  // beside the simulator's table
+  ASSERT_EQ(ChildProcess::run(init), 0) << init.err();
+  execute("DROP TABLE ALERT_FIRING");  // the alert tables as they were before it
+  write_alertmanager_ini(base_url());
+  ASSERT_EQ(alert_once(), 0) << log_;
+  EXPECT_EQ(active_alerts().size(), ids.size());
+  EXPECT_EQ(query("SELECT COUNT(*) AS N FROM ALERT_FIRING")[0]["N"].text(), std::to_string(ids.size()));
 }
 
 }  // namespace
