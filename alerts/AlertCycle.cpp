@@ -36,6 +36,16 @@ void postpone(DeliveryLedger& ledger, const std::string& channel, time_t now, co
   }
 }
 
+bool posts_to_alertmanager(const ChannelSettings& settings) {
+  return settings.kind == ChannelKind::webhook && settings.format == WebhookFormat::Alertmanager;
+}
+
+// What the ledger keeps of a delivered message to resolve it later: its
+// Alertmanager elements, on a channel that posts them; nothing elsewhere.
+std::vector<std::string> firing(const ChannelSettings& settings, const AlertMessage& message) {
+  return posts_to_alertmanager(settings) ? message.alertmanager : std::vector<std::string>{};
+}
+
 }  // namespace
 
 AlertCycle::AlertCycle(std::string database_path, std::string config_path)
@@ -54,28 +64,52 @@ void AlertCycle::note_problems(const AlertSettings& settings) {
   known_problems_ = std::move(problems);
 }
 
-void AlertCycle::deliver(DeliveryLedger& ledger, const ChannelSettings& settings, const AlertSettings& all,
-                         time_t now) {
-  const auto channel = AlertChannel::make(settings);
+bool AlertCycle::deliver(DeliveryLedger& ledger, AlertChannel& channel, const ChannelSettings& settings,
+                         const AlertSettings& all, time_t now) {
+  const auto failed = [&](const SendResult& result) {
+    postpone(ledger, settings.name(), now, result.error, all.retry_seconds);
+    return false;
+  };
   for (;;) {
     const std::vector<DueAlert> due = ledger.due(settings.name(), now, kBatch);
-    if (due.empty() || StopSignal::requested()) return;
+    if (due.empty() || StopSignal::requested()) return true;
     const std::vector<AnomalyAlert> alerts = alerts_of(due, all.console_url);
     if (static_cast<int>(due.size()) > all.group_threshold) {
-      const SendResult result = channel->send(AlertMessage::summary(alerts));
-      if (!result.delivered) return postpone(ledger, settings.name(), now, result.error, all.retry_seconds);
-      ledger.mark_delivered(settings.name(), due, std::time(nullptr));
+      const AlertMessage message = AlertMessage::summary(alerts);
+      const SendResult result = channel.send(message);
+      if (!result.delivered) return failed(result);
+      ledger.mark_delivered(settings.name(), due, std::time(nullptr), firing(settings, message));
       alert_log::info(settings.name() + ": one summary alert for " + std::to_string(due.size()) + " anomalies delivered");
     } else {
       for (std::size_t i = 0; i < due.size(); ++i) {
-        if (StopSignal::requested()) return;
-        const SendResult result = channel->send(AlertMessage::for_anomaly(alerts[i]));
-        if (!result.delivered) return postpone(ledger, settings.name(), now, result.error, all.retry_seconds);
-        ledger.mark_delivered(settings.name(), {due[i]}, std::time(nullptr));
+        if (StopSignal::requested()) return true;
+        const AlertMessage message = AlertMessage::for_anomaly(alerts[i]);
+        const SendResult result = channel.send(message);
+        if (!result.delivered) return failed(result);
+        ledger.mark_delivered(settings.name(), {due[i]}, std::time(nullptr), firing(settings, message));
       }
       alert_log::info(settings.name() + ": " + std::to_string(due.size()) + " alerts delivered");
     }
-    if (static_cast<int>(due.size()) < kBatch) return;
+    if (static_cast<int>(due.size()) < kBatch) return true;
+  }
+}
+
+void AlertCycle::resolve(DeliveryLedger& ledger, AlertChannel& channel, const ChannelSettings& settings, time_t now) {
+  for (;;) {
+    const std::vector<FiringAlert> handled = ledger.handled_firing(settings.name(), kBatch);
+    if (handled.empty() || StopSignal::requested()) return;
+    std::vector<std::string> elements;
+    for (const FiringAlert& alert : handled) elements.push_back(alert.alert);
+    const SendResult result = channel.send(AlertMessage::resolved(elements, now));
+    if (!result.delivered) {
+      // Tried again next cycle: a verdict never expires, so neither does this.
+      alert_log::error(settings.name() + ": resolving " + std::to_string(handled.size()) +
+                       " alerts failed: " + result.error);
+      return;
+    }
+    ledger.forget_firing(settings.name(), handled);
+    alert_log::info(settings.name() + ": " + std::to_string(handled.size()) + " alerts resolved after a verdict");
+    if (static_cast<int>(handled.size()) < kBatch) return;
   }
 }
 
@@ -94,8 +128,13 @@ AlertSettings AlertCycle::run(time_t now) {
       ledger.enqueue_new(channel.name(), now);
     }
     ledger.withdraw_handled();
-    for (const ChannelSettings& channel : settings.channels) {
-      if (channel.usable()) deliver(ledger, channel, settings, now);
+    for (const ChannelSettings& channel_settings : settings.channels) {
+      if (!channel_settings.usable()) continue;
+      const auto channel = AlertChannel::make(channel_settings);
+      // Resolving waits while the channel cannot take new alerts either.
+      if (deliver(ledger, *channel, channel_settings, settings, now) && posts_to_alertmanager(channel_settings)) {
+        resolve(ledger, *channel, channel_settings, now);
+      }
     }
   } catch (const std::exception& e) {
     alert_log::error("cannot use the database '" + database_path_ + "': " + ErrorText::of(e));

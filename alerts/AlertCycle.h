@@ -2,8 +2,9 @@
 // afresh, finds the anomalies each configured channel has not alerted yet,
 // withdraws those operators have already handled, and sends the rest (one
 // message each, or one summary when more than GROUP_THRESHOLD are due),
-// recording every outcome in the ledger right after the send. A channel
-// that fails is postponed on its own; the others go on. Problems are
+// recording every outcome in the ledger right after the send. On a channel
+// posting to Alertmanager it then resolves the alerts of anomalies handled
+// since. A channel that fails is postponed on its own; the others go on. Problems are
 // logged, not thrown; a configuration problem is logged when it first
 // appears, not at every cycle.
 #pragma once
@@ -26,8 +27,10 @@ class AlertCycle {
 
  private:
   void note_problems(const AlertSettings& settings);
-  void deliver(class DeliveryLedger& ledger, const ChannelSettings& channel, const AlertSettings& settings,
-               time_t now);
+  // false when a send failed (the rest is postponed).
+  bool deliver(class DeliveryLedger& ledger, class AlertChannel& channel, const ChannelSettings& settings,
+               const AlertSettings& all, time_t now);
+  void resolve(DeliveryLedger& ledger, AlertChannel& channel, const ChannelSettings& settings, time_t now);
 
   std::string database_path_;
   std::string config_path_;

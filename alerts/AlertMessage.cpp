@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "alerts/AlertmanagerAlert.h"
+#include "alerts/UtcTime.h"
 #include "platform/LocalTime.h"
 #include "platform/VisibleText.h"
 #include "contract/AnomalyPayload.h"
@@ -103,14 +105,6 @@ std::string details(const AnomalyAlert& a) {
 
 Json string_or_null(const std::string& text) { return text.empty() ? Json::null() : Json::string(text); }
 
-std::string utc_text(time_t t) {
-  struct tm parts {};
-  gmtime_r(&t, &parts);
-  char buffer[32];
-  std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return buffer;
-}
-
 Json feature_json(const AlertFeature& f) {
   Json object = Json::object();
   object.set("name", Json::string(lower_title(*f.info)));
@@ -131,10 +125,9 @@ Json anomaly_json(const AnomalyAlert& a) {
   object.set("policy_type", Json::string(a.policy_type));
   object.set("schedule", Json::string(a.schedule));
   object.set("storage", Json::string(a.storage));
-  object.set("detection_time", Json::string(utc_text(a.detection_time)));
-  char* end = nullptr;
-  const double score = std::strtod(a.score.c_str(), &end);
-  object.set("score", end != a.score.c_str() && *end == '\0' && std::isfinite(score) ? Json::real(score) : Json::null());
+  object.set("detection_time", Json::string(utc_time_text(a.detection_time)));
+  const std::optional<double> score = a.score_number();
+  object.set("score", score ? Json::real(*score) : Json::null());
   Json features = Json::array();
   for (const AlertFeature& f : a.features) features.append(feature_json(f));
   object.set("features", std::move(features));
@@ -149,7 +142,16 @@ std::string dump(Json document, const std::string& type, const AlertMessage& mes
   return document.dump({.compact = true, .real_precision = 15});
 }
 
+std::string alertmanager_text(const Json& alert) { return alert.dump({.compact = true, .keep_order = true}); }
+
 }  // namespace
+
+std::optional<double> AnomalyAlert::score_number() const {
+  char* end = nullptr;
+  const double value = std::strtod(score.c_str(), &end);
+  if (end == score.c_str() || *end != '\0' || !std::isfinite(value)) return std::nullopt;
+  return value;
+}
 
 std::string console_link(const std::string& console_url, const std::string& id) {
   if (console_url.empty()) return "";
@@ -198,6 +200,7 @@ AlertMessage AlertMessage::for_anomaly(const AnomalyAlert& alert) {
   message.line = headline(alert);
   message.text = message.line + "\n" + details(alert);
   message.json = dump(anomaly_json(alert), "anomaly", message);
+  message.alertmanager = {alertmanager_text(alertmanager::anomaly_alert(alert, message.line))};
   return message;
 }
 
@@ -213,8 +216,11 @@ AlertMessage AlertMessage::summary(const std::vector<AnomalyAlert>& alerts) {
     if (i < kNamedInLine) message.line += (i ? ", " : "") + a.client + kDot + a.policy;
     if (i < kListedInText) message.text += headline(a) + (a.link.empty() ? "" : "  " + a.link) + "\n";
     Json item = anomaly_json(a);
-    item.set("summary", Json::string(headline(a)));
+    const std::string line = headline(a);
+    item.set("summary", Json::string(line));
     list.append(std::move(item));
+    // Alertmanager groups alerts itself: each anomaly stays one alert there.
+    message.alertmanager.push_back(alertmanager_text(alertmanager::anomaly_alert(a, line)));
   }
   if (alerts.size() > kNamedInLine) message.line += " and " + std::to_string(alerts.size() - kNamedInLine) + " more";
   if (alerts.size() > kListedInText) {
@@ -236,8 +242,21 @@ AlertMessage AlertMessage::test(const std::string& console_url, time_t now) {
   if (!console_url.empty()) message.text += shown(console_url) + "\n";
   Json document = Json::object();
   document.set("id", Json::string(message.key));
-  document.set("detection_time", Json::string(utc_text(now)));
+  document.set("detection_time", Json::string(utc_time_text(now)));
   document.set("link", string_or_null(shown(console_url)));
   message.json = dump(std::move(document), "test", message);
+  message.alertmanager = {alertmanager_text(alertmanager::test_alert(message.line, shown(console_url), now))};
+  return message;
+}
+
+AlertMessage AlertMessage::resolved(const std::vector<std::string>& alerts, time_t now) {
+  AlertMessage message;
+  message.key = "resolved:" + std::to_string(now) + ":" + std::to_string(alerts.size());
+  message.line = std::to_string(alerts.size()) + " backup anomaly alerts resolved by a verdict";
+  message.text = message.line + "\n";
+  for (const std::string& alert : alerts) {
+    Json ended = alertmanager::ended(alert, now);
+    if (ended.valid()) message.alertmanager.push_back(alertmanager_text(ended));
+  }
   return message;
 }

@@ -1,7 +1,7 @@
 // AlertMessage: what an alert says about one anomaly, or about many at once,
 // in each form a channel sends: a one-line text (syslog, the first line
-// everywhere), a multi-line text (chat tools, mail scripts) and our JSON
-// document (webhooks, scripts). Everything taken from the database is
+// everywhere), a multi-line text (chat tools, mail scripts), our JSON
+// document (webhooks, scripts) and Alertmanager's alerts. Everything taken from the database is
 // repaired to UTF-8, stripped of control characters in texts and cut to a
 // bounded length, so a hostile payload cannot forge lines or grow a
 // message without limit. Building never throws on odd payloads.
@@ -32,6 +32,9 @@ struct AnomalyAlert {
   std::vector<AlertFeature> features;  // the most changed first
   std::string link;                    // the console page, or empty
 
+  // The score as a finite number; none when the payload's is not one.
+  std::optional<double> score_number() const;
+
   // From an ANOMALY_DATA row; console_url empty gives no link.
   static AnomalyAlert from_row(const std::string& id, const std::string& client, time_t detection_time,
                                const std::string& payload, const std::string& console_url);
@@ -44,12 +47,18 @@ struct AlertMessage {
   std::string line;  // one line, no control characters
   std::string text;  // line first, then details, '\n'-separated
   std::string json;  // our document
+  // One element of Alertmanager's POST /api/v2/alerts list per anomaly, as
+  // JSON text each, in the order of the anomalies.
+  std::vector<std::string> alertmanager;
 
   static AlertMessage for_anomaly(const AnomalyAlert& alert);
   // One message listing many anomalies (a flood of new ones in one cycle).
   static AlertMessage summary(const std::vector<AnomalyAlert>& alerts);
   // The message `tsanomalyctl alert-test` sends.
   static AlertMessage test(const std::string& console_url, time_t now);
+  // Alertmanager's alerts given (as alertmanager held them), ending at now:
+  // posting them resolves them. For Alertmanager only: json is empty.
+  static AlertMessage resolved(const std::vector<std::string>& alerts, time_t now);
 };
 
 // "console_url/anomalies/<id percent-encoded>".

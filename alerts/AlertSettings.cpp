@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 
@@ -71,6 +72,24 @@ std::string url_problem(const std::string& url) {
   return "";
 }
 
+// Alertmanager's address is configured as its base ("http://am:9093") or as
+// the endpoint itself; both reach the endpoint, so neither form is a trap.
+std::string alertmanager_endpoint(std::string url) {
+  static const std::string kEndpoint = "/api/v2/alerts";
+  while (!url.empty() && url.back() == '/') url.pop_back();
+  if (url.size() >= kEndpoint.size() && url.compare(url.size() - kEndpoint.size(), kEndpoint.size(), kEndpoint) == 0) {
+    return url;
+  }
+  return url + kEndpoint;
+}
+
+std::optional<WebhookFormat> format_named(const std::string& name) {
+  if (name.empty() || name == "json") return WebhookFormat::Json;
+  if (name == "slack") return WebhookFormat::Slack;
+  if (name == "alertmanager") return WebhookFormat::Alertmanager;
+  return std::nullopt;
+}
+
 ChannelSettings webhook(const Configuration& config, std::vector<std::string>& warnings) {
   const std::string section = "ALERT_WEBHOOK";
   ChannelSettings channel;
@@ -79,11 +98,12 @@ ChannelSettings webhook(const Configuration& config, std::vector<std::string>& w
   channel.authorization = config.get_config(section, "AUTHORIZATION");
   channel.timeout_seconds = number(config, section, {"TIMEOUT_SECONDS", 10, 1, 300}, warnings);
   const std::string format = text::to_lower(config.get_config(section, "FORMAT"));
-  if (format == "slack") channel.format = WebhookFormat::Slack;
+  channel.format = format_named(format).value_or(WebhookFormat::Json);
   channel.error = url_problem(channel.url);
-  if (channel.error.empty() && !format.empty() && format != "json" && format != "slack") {
-    channel.error = "FORMAT '" + visible_text(format) + "' is unknown (json or slack)";
+  if (channel.error.empty() && !format_named(format)) {
+    channel.error = "FORMAT '" + visible_text(format) + "' is unknown (json, slack or alertmanager)";
   }
+  if (channel.format == WebhookFormat::Alertmanager) channel.url = alertmanager_endpoint(channel.url);
   if (channel.error.empty() && has_control_character(channel.authorization)) {
     channel.error = "AUTHORIZATION contains a control character";
   }

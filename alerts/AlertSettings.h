@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-enum class WebhookFormat { Json, Slack };
+enum class WebhookFormat { Json, Slack, Alertmanager };
 
 // The kinds of channel; each has one section and one name, the key of its
 // delivery rows.
@@ -27,7 +27,8 @@ struct ChannelSettings {
   }
   std::string error;  // empty when the section can be used
   int timeout_seconds = 0;
-  // webhook
+  // webhook; for Alertmanager, its POST /api/v2/alerts endpoint whatever
+  // form of its address was configured
   std::string url;
   std::string authorization;
   WebhookFormat format = WebhookFormat::Json;

@@ -1,7 +1,5 @@
 #include "alerts/DeliveryLedger.h"
 
-#include "operator/AlertFigures.h"
-
 #include <cstdlib>
 #include <stdexcept>
 
@@ -22,20 +20,34 @@ constexpr const char* kWithdrawnReason =
 
 double seconds(time_t t) { return static_cast<double>(t); }
 
-bool has_anomaly_table(DBAccess& db) {
+int count(DBAccess& db, const char* sql) {
   Rows rows;
-  db.read_data("SELECT COUNT(*) AS N FROM sqlite_master WHERE type = 'table' AND name = 'ANOMALY_DATA'", rows);
-  return static_cast<int>(rows[0]["N"]) == 1;
+  db.read_data(sql, rows);
+  return static_cast<int>(rows[0]["N"]);
 }
 
 }  // namespace
 
 DeliveryLedger::DeliveryLedger(DBAccess& db, const std::string& path) : db_(db) {
-  if (alert_tables_present(db_)) return;
-  if (!has_anomaly_table(db_)) {
+  // Checked first so that a cycle writes nothing to a complete database.
+  if (count(db_, alert_sql::kCountLedgerTables) == 3) return;
+  if (count(db_, "SELECT COUNT(*) AS N FROM sqlite_master WHERE type = 'table' AND name = 'ANOMALY_DATA'") != 1) {
     throw std::runtime_error("'" + path + "' has no ANOMALY_DATA table; create it with 'tsanomalyctl init'");
   }
+  // Every statement is CREATE ... IF NOT EXISTS: an older database gets only
+  // the tables it lacks.
   db_.execute_query(anomaly_schema::alert_db_sql());
+}
+
+void DeliveryLedger::in_transaction(const std::function<void()>& write) {
+  db_.begin_transaction();
+  try {
+    write();
+    db_.commit_transaction();
+  } catch (...) {
+    db_.rollback_transaction();
+    throw;
+  }
 }
 
 void DeliveryLedger::register_channel(const std::string& channel, time_t since_time) {
@@ -75,21 +87,43 @@ std::vector<DueAlert> DeliveryLedger::due(const std::string& channel, time_t now
   return alerts;
 }
 
-void DeliveryLedger::mark_delivered(const std::string& channel, const std::vector<DueAlert>& alerts, time_t now) {
-  db_.begin_transaction();
-  try {
-    for (const DueAlert& alert : alerts) {
+void DeliveryLedger::mark_delivered(const std::string& channel, const std::vector<DueAlert>& alerts, time_t now,
+                                    const std::vector<std::string>& firing) {
+  in_transaction([&] {
+    for (std::size_t i = 0; i < alerts.size(); ++i) {
       Statement st(db_.handle, alert_sql::kMarkDelivered);
       st.bind(1, channel);
-      st.bind(2, alert.id);
+      st.bind(2, alerts[i].id);
       st.bind(3, seconds(now));
       db_.execute_query_prepared(st);
+      if (i >= firing.size()) continue;
+      Statement record(db_.handle, alert_sql::kRecordFiring);
+      record.bind(1, alerts[i].id);
+      record.bind(2, channel);
+      record.bind(3, firing[i]);
+      db_.execute_query_prepared(record);
     }
-    db_.commit_transaction();
-  } catch (...) {
-    db_.rollback_transaction();
-    throw;
-  }
+  });
+}
+
+std::vector<FiringAlert> DeliveryLedger::handled_firing(const std::string& channel, int limit) {
+  Statement st(db_.handle, alert_sql::kSelectHandledFiring);
+  st.bind(1, channel);
+  st.bind(2, limit);
+  std::vector<FiringAlert> alerts;
+  db_.visit_records_prepared(st, [&](const auto& cursor) { alerts.push_back({cursor.text(0), cursor.text(1)}); });
+  return alerts;
+}
+
+void DeliveryLedger::forget_firing(const std::string& channel, const std::vector<FiringAlert>& alerts) {
+  in_transaction([&] {
+    for (const FiringAlert& alert : alerts) {
+      Statement st(db_.handle, alert_sql::kForgetFiring);
+      st.bind(1, channel);
+      st.bind(2, alert.id);
+      db_.execute_query_prepared(st);
+    }
+  });
 }
 
 std::vector<std::string> DeliveryLedger::postpone_due(const std::string& channel, time_t now,

@@ -1,6 +1,7 @@
 // DeliveryLedger: the state of every (anomaly, channel) pair in the alert
 // tables of the detector's own database: which anomalies each channel still
-// owes, which it delivered, which failed and when to try them again. Every
+// owes, which it delivered, which failed and when to try them again, and
+// which of its Alertmanager alerts still fire. Every
 // change is one short statement or transaction, never held across a send,
 // so the detector's writes wait at most for that. Failures are thrown as the
 // storage layer's sqlite_exception or, for a file that is not a detector
@@ -8,6 +9,7 @@
 #pragma once
 
 #include <ctime>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,11 @@ struct DueAlert {
   time_t detection_time = 0;
 };
 
+// An alert firing in Alertmanager: its anomaly and the element posted.
+struct FiringAlert {
+  std::string id, alert;
+};
+
 class DeliveryLedger {
  public:
   // A failed alert is tried again after retry_seconds, then after twice
@@ -26,7 +33,7 @@ class DeliveryLedger {
   static constexpr int kMaxDelaySeconds = 3600;
   static constexpr int kRetryWindowSeconds = 24 * 3600;
 
-  // Creates the alert tables when they are missing.
+  // Creates the alert tables that are missing.
   DeliveryLedger(Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess& db, const std::string& path);
 
   // The first time a channel is seen it starts with the anomalies detected
@@ -38,13 +45,23 @@ class DeliveryLedger {
   void withdraw_handled();
   // The channel's alerts due at now, oldest detection first, at most limit.
   std::vector<DueAlert> due(const std::string& channel, time_t now, int limit);
-  // Marks the alerts delivered, all or none.
-  void mark_delivered(const std::string& channel, const std::vector<DueAlert>& alerts, time_t now);
+  // Marks the alerts delivered, all or none. firing, when given, holds the
+  // Alertmanager element posted for each alert, kept until it is resolved.
+  void mark_delivered(const std::string& channel, const std::vector<DueAlert>& alerts, time_t now,
+                      const std::vector<std::string>& firing = {});
+  // The channel's firing alerts whose anomaly operators have handled since,
+  // at most limit.
+  std::vector<FiringAlert> handled_firing(const std::string& channel, int limit);
+  // Forgets the alerts, resolved in Alertmanager, all or none.
+  void forget_firing(const std::string& channel, const std::vector<FiringAlert>& alerts);
   // Counts one failed attempt for every alert of the channel due at now and
   // sets its next attempt; answers the ids given up for good.
   std::vector<std::string> postpone_due(const std::string& channel, time_t now, const std::string& error,
                                         int retry_seconds);
 
  private:
+  // Runs write in one transaction, rolled back when it throws.
+  void in_transaction(const std::function<void()>& write);
+
   Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess& db_;
 };

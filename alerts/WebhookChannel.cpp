@@ -33,6 +33,12 @@ std::unique_ptr<curl_slist, HeaderListDeleter> headers(const ChannelSettings& se
 
 std::string WebhookChannel::body(WebhookFormat format, const AlertMessage& message) {
   if (format == WebhookFormat::Json) return message.json;
+  if (format == WebhookFormat::Alertmanager) {
+    // Each element is a complete JSON value already: listing them is all.
+    std::string list = "[";
+    for (const std::string& alert : message.alertmanager) list += (list.size() > 1 ? "," : "") + alert;
+    return list + "]";
+  }
   Json document = Json::object();
   document.set("text", Json::string(message.text));
   return document.dump({.compact = true});

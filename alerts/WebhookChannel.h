@@ -1,5 +1,6 @@
 // WebhookChannel: POSTs each alert to a URL through libcurl, as our JSON
-// document or as a chat tool's {"text": ...}. Only http and https, no
+// document, as a chat tool's {"text": ...} or as Alertmanager's list of
+// alerts. Only http and https, no
 // redirects, certificates and host names verified, the whole exchange within
 // the configured time limit; any 2xx answer is a delivery.
 #pragma once

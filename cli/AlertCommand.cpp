@@ -33,10 +33,11 @@ const std::string kAlertHelp =
     "\n"
     "Each anomaly is alerted once per channel; what was delivered, what failed\n"
     "and when to try again is kept in DB (tables ALERT_CHANNEL, ALERT_DELIVERY,\n"
-    "created when missing). A failed alert is tried again with growing delays\n"
-    "for 24 hours, then given up. An anomaly reported as a false positive or\n"
-    "acknowledged before its alert went out is not alerted. Runs until SIGTERM\n"
-    "or SIGINT; logs to standard error.\n"
+    "ALERT_FIRING, created when missing). A failed alert is tried again with\n"
+    "growing delays for 24 hours, then given up. An anomaly reported as a false\n"
+    "positive or acknowledged before its alert went out is not alerted; with\n"
+    "FORMAT=alertmanager, one judged after is resolved in Alertmanager. Runs\n"
+    "until SIGTERM or SIGINT; logs to standard error.\n"
     "\n" +
     options_help(kAlertSyntax.options);
 

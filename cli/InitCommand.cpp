@@ -29,7 +29,7 @@ const std::string kInitHelp =
     "Creates the detector's five tables (DATA_TO_PROCESS, HIST_DATA,\n"
     "DBSCAN_MODEL_PARAMS, ANOMALY_DATA, ANOMALY_DATA_FEEDBACK) and their indexes\n"
     "in DB, creating the file when it does not exist, and switches it to WAL mode;\n"
-    "then the alert process's tables (ALERT_CHANNEL, ALERT_DELIVERY).\n"
+    "then the alert process's tables (ALERT_CHANNEL, ALERT_DELIVERY, ALERT_FIRING).\n"
     "DB must be a regular file or a new path: a symbolic link or a device is\n"
     "refused.\n"
     "Running it again on a detector database changes nothing. A file that holds\n"
@@ -39,10 +39,10 @@ const std::string kInitHelp =
 
 namespace {
 
-// The detector's five tables and the alert process's two.
+// The detector's five tables and the alert process's three.
 const std::set<std::string> kDetectorTables = {"DATA_TO_PROCESS", "HIST_DATA",      "DBSCAN_MODEL_PARAMS",
                                                "ANOMALY_DATA",    "ANOMALY_DATA_FEEDBACK", "ALERT_CHANNEL",
-                                               "ALERT_DELIVERY"};
+                                               "ALERT_DELIVERY",  "ALERT_FIRING"};
 
 std::set<std::string> foreign_tables(DBAccess& db) {
   Rows rows;

@@ -77,14 +77,14 @@ class OperatorCommandsTest : public ::testing::Test {
 
 }  // namespace
 
-// The detector's five tables and the alert process's two, nothing else.
+// The detector's five tables and the alert process's three, nothing else.
 TEST_F(OperatorCommandsTest, InitCreatesTheFiveTablesAndTheAlertTablesAndIsRepeatable) {
   std::string names;
   for (auto& row : query("SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name")) {
     names += std::string(row["name"]) + " ";
   }
   EXPECT_EQ(names,
-            "ALERT_CHANNEL ALERT_DELIVERY ANOMALY_DATA ANOMALY_DATA_FEEDBACK DATA_TO_PROCESS DBSCAN_MODEL_PARAMS "
+            "ALERT_CHANNEL ALERT_DELIVERY ALERT_FIRING ANOMALY_DATA ANOMALY_DATA_FEEDBACK DATA_TO_PROCESS DBSCAN_MODEL_PARAMS "
             "HIST_DATA ");
   const Outcome again = run(run_init, {db_path});
   EXPECT_EQ(again.exit_code, 0);

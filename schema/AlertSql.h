@@ -4,6 +4,8 @@
 // number.
 #pragma once
 
+#include <string>
+
 namespace alert_sql {
 
 // ALERT_DELIVERY.STATE, as the texts below write and test it.
@@ -13,6 +15,11 @@ enum class DeliveryState {
   given_up = 2,   // failed for the whole retry window
   withdrawn = 3,  // an operator handled the anomaly before the alert went out
 };
+
+// The tables alert_db.sql creates: 3 when none is missing.
+inline constexpr const char* kCountLedgerTables =
+    "SELECT COUNT(*) AS N FROM sqlite_master WHERE type = 'table' AND name IN ('ALERT_CHANNEL', 'ALERT_DELIVERY', "
+    "'ALERT_FIRING')";
 
 inline constexpr const char* kCountAlertTables =
     "SELECT COUNT(*) AS N FROM sqlite_master WHERE type = 'table' AND name IN ('ALERT_CHANNEL', 'ALERT_DELIVERY')";
@@ -27,18 +34,24 @@ inline constexpr const char* kEnqueueNewAnomalies =
     "SELECT A.ANOMALY_UNIQUE_ID, C.CHANNEL, ?2, ?2 FROM ANOMALY_DATA A JOIN ALERT_CHANNEL C ON C.CHANNEL = ?1 "
     "WHERE A.DETECTION_TIME >= C.SINCE_TIME";
 
+// Whether the anomaly with the id in column `id` has been handled: it is
+// acknowledged (ANOMALY_STATE not 0), carries a false-positive verdict
+// (still in the feedback table, or already folded into the history as a
+// user-identified job) or is no longer in the database at all.
+inline std::string handled(const std::string& id) {
+  return "NOT EXISTS (SELECT 1 FROM ANOMALY_DATA A WHERE A.ANOMALY_UNIQUE_ID = " + id +
+         " AND A.ANOMALY_STATE = 0 "
+         "AND NOT EXISTS (SELECT 1 FROM ANOMALY_DATA_FEEDBACK F WHERE F.ANOMALY_UNIQUE_ID = A.ANOMALY_UNIQUE_ID "
+         "AND F.FEEDBACK = 1) "
+         "AND NOT EXISTS (SELECT 1 FROM HIST_DATA H WHERE H.UNIQUE_KEY = A.DETECTION_KEY "
+         "AND H.USER_IDENTIFIED_CLUSTER = 1))";
+}
+
 // ?1 the reason kept in LAST_ERROR. An alert still waiting is withdrawn once
-// its anomaly is acknowledged (ANOMALY_STATE not 0), carries a false-positive
-// verdict (still in the feedback table, or already folded into the history
-// as a user-identified job) or is no longer in the database at all.
-inline constexpr const char* kWithdrawHandledAnomalies =
-    "UPDATE ALERT_DELIVERY SET STATE = 3, LAST_ERROR = ?1 WHERE STATE = 0 AND NOT EXISTS ("
-    "SELECT 1 FROM ANOMALY_DATA A WHERE A.ANOMALY_UNIQUE_ID = ALERT_DELIVERY.ANOMALY_UNIQUE_ID "
-    "AND A.ANOMALY_STATE = 0 "
-    "AND NOT EXISTS (SELECT 1 FROM ANOMALY_DATA_FEEDBACK F WHERE F.ANOMALY_UNIQUE_ID = A.ANOMALY_UNIQUE_ID "
-    "AND F.FEEDBACK = 1) "
-    "AND NOT EXISTS (SELECT 1 FROM HIST_DATA H WHERE H.UNIQUE_KEY = A.DETECTION_KEY "
-    "AND H.USER_IDENTIFIED_CLUSTER = 1))";
+// its anomaly is handled.
+inline const std::string kWithdrawHandledAnomalies =
+    "UPDATE ALERT_DELIVERY SET STATE = 3, LAST_ERROR = ?1 WHERE STATE = 0 AND " +
+    handled("ALERT_DELIVERY.ANOMALY_UNIQUE_ID");
 
 // ?1 channel, ?2 now, ?3 the most rows, ?4 the largest payload read (a
 // larger one reads as empty). Oldest detection first.
@@ -63,6 +76,18 @@ inline constexpr const char* kPostponeDueAlerts =
     "STATE = CASE WHEN ?2 >= FIRST_SEEN + ?6 THEN 2 ELSE 0 END, "
     "NEXT_ATTEMPT = MIN(?2 + MIN(?4 << MIN(ATTEMPTS, 20), ?5), FIRST_SEEN + ?6) "
     "WHERE CHANNEL = ?1 AND STATE = 0 AND NEXT_ATTEMPT <= ?2 RETURNING ANOMALY_UNIQUE_ID, STATE";
+
+// ?1 anomaly id, ?2 channel, ?3 the alert as posted to Alertmanager.
+inline constexpr const char* kRecordFiring =
+    "INSERT OR IGNORE INTO ALERT_FIRING (ANOMALY_UNIQUE_ID, CHANNEL, ALERT) VALUES (?1, ?2, ?3)";
+
+// ?1 channel, ?2 the most rows: its firing alerts whose anomaly is handled.
+inline const std::string kSelectHandledFiring =
+    "SELECT ANOMALY_UNIQUE_ID, ALERT FROM ALERT_FIRING WHERE CHANNEL = ?1 AND " +
+    handled("ALERT_FIRING.ANOMALY_UNIQUE_ID") + " ORDER BY rowid LIMIT ?2";
+
+// ?1 channel, ?2 anomaly id: the alert is resolved.
+inline constexpr const char* kForgetFiring = "DELETE FROM ALERT_FIRING WHERE CHANNEL = ?1 AND ANOMALY_UNIQUE_ID = ?2";
 
 // Per channel: delivered, failing (waiting after a failed attempt), given
 // up, waiting in all, withdrawn, and the oldest FIRST_SEEN still waiting.

@@ -31,3 +31,15 @@ CREATE TABLE IF NOT EXISTS ALERT_DELIVERY (
 -- Each cycle reads a channel's alerts that are due, and the status figures
 -- count them by state.
 CREATE INDEX IF NOT EXISTS ALERT_DELIVERY_BY_STATE ON ALERT_DELIVERY (STATE, CHANNEL, NEXT_ATTEMPT);
+
+-- Alerts delivered to a channel in Alertmanager's format that are still
+-- firing there: ALERT is the element as posted. Once the anomaly has a
+-- verdict (or is gone) the element is posted again with endsAt = now, which
+-- resolves it, and the row is deleted. A table of its own, so databases
+-- made before it get it by 'CREATE TABLE IF NOT EXISTS' alone.
+CREATE TABLE IF NOT EXISTS ALERT_FIRING (
+  ANOMALY_UNIQUE_ID        TEXT    NOT NULL,
+  CHANNEL                  TEXT    NOT NULL,
+  ALERT                    TEXT    NOT NULL,
+  PRIMARY KEY (ANOMALY_UNIQUE_ID, CHANNEL)
+);

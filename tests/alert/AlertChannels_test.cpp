@@ -136,7 +136,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadSection{"NotHttp", "[ALERT_WEBHOOK]\nURL=file:///etc/passwd\n",
                    "webhook channel not used: URL 'file:///etc/passwd' is not http or https"},
         BadSection{"UnknownFormat", "[ALERT_WEBHOOK]\nURL=http://127.0.0.1:9/x\nFORMAT=xml\n",
-                   "webhook channel not used: FORMAT 'xml' is unknown (json or slack)"},
+                   "webhook channel not used: FORMAT 'xml' is unknown (json, slack or alertmanager)"},
         BadSection{"MissingCommand", "[ALERT_EXEC]\nTIMEOUT_SECONDS=5\n", "exec channel not used: COMMAND is missing"},
         BadSection{"RelativeCommand", "[ALERT_EXEC]\nCOMMAND=notify-send x\n",
                    "exec channel not used: COMMAND must start with the program's absolute path, not 'notify-send'"}),
