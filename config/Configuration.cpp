@@ -74,7 +74,6 @@ int32_t import_file(ACE_Configuration_Heap& config, const std::string& path) {
 
 Configuration::Configuration(const std::string& config_file, int32_t config_type)
     : config_file(config_file),
-      config_type(config_type),
       defaults(defaults_for(config_type)),
       import_status(import_file(config, config_file)) {}
 

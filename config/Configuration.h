@@ -47,7 +47,6 @@ class Configuration {
   // ACE's lookup calls are not const although they only read; mutable keeps
   // the lookups const for callers.
   mutable ACE_Configuration_Heap config;
-  int32_t config_type;
   std::map<std::string, std::string> defaults;
   int32_t import_status;
 };

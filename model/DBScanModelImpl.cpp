@@ -17,7 +17,7 @@ constexpr double kNoClusterDistance = 2147483647.0;
 }  // namespace
 
 DBScan::DBScan(double eps, int min_samples, int run_mode)
-    : eps(eps), neighbour_square_limit(least_square_reaching(eps)), min_samples(min_samples), run_mode(run_mode) {}
+    : neighbour_square_limit(least_square_reaching(eps)), min_samples(min_samples), run_mode(run_mode) {}
 
 DBScan::~DBScan() = default;
 

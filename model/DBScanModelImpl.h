@@ -79,7 +79,6 @@ class DBScan {
   bool expand_cluster(int k, std::vector<int>& labels);
   bool must_stop(const std::vector<int>& labels) const;
 
-  double eps;
   // A row is a neighbour when its squared distance is below this, which is
   // the same as its distance being below eps.
   double neighbour_square_limit;
