@@ -27,12 +27,13 @@ constexpr int kWorkloads = 210;  // every queued job is anomalous: about 200 ano
 
 class AlertKill : public AlertFixture {};
 
-// The median time, over a few runs, the built tsanomalyctl takes to start
-// and exit without work: what each kill delay adds to its random part.
-std::chrono::milliseconds start_up_time() {
+// The median time, over a few runs, the built tsanomalyctl takes to start,
+// open the database and read from it: what each kill delay adds to its
+// random part.
+std::chrono::milliseconds start_up_time(const std::string& database) {
   std::vector<std::chrono::milliseconds> times;
   for (int i = 0; i < 5; ++i) {
-    ChildProcess version({TSANOMALYCTL_PATH, "--version"});
+    ChildProcess version({TSANOMALYCTL_PATH, "anomalies", database, "--limit", "1"});
     const auto start = std::chrono::steady_clock::now();
     ChildProcess::run(version);
     times.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start));
@@ -50,7 +51,7 @@ TEST_F(AlertKill, EveryAnomalyIsDeliveredAndRepeatsStayWithinOnePerKill) {
   write_ini(webhook_section() + "[ALERTS]\nGROUP_THRESHOLD=100000\n");
   const char* seed_text = std::getenv("TSANOMALY_ALERT_KILL_SEED");
   std::mt19937 random(seed_text != nullptr ? std::strtoul(seed_text, nullptr, 10) : 20241124u);
-  const std::chrono::milliseconds start_up = start_up_time();
+  const std::chrono::milliseconds start_up = start_up_time(db());
   std::uniform_int_distribution<int> delay_ms(20, 140);
   int kills = 0;
   const auto give_up = std::chrono::steady_clock::now() + 120s;
