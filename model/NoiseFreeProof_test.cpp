@@ -16,6 +16,7 @@
 namespace {
 
 using Matrix = std::vector<std::vector<double>>;
+using tsanomaly_test::any_noise;
 using tsanomaly_test::make_obs;
 using tsanomaly_test::on_a_line;
 
@@ -24,13 +25,6 @@ bool proven_at(const Matrix& rows, double eps, int min_samples) {
   const double largest_within = std::nextafter(least_square_reaching(eps), 0.0);
   return noise_free_proof::found(FeatureColumns(make_obs(rows)), static_cast<std::size_t>(min_samples - 1),
                                  largest_within);
-}
-
-bool any_noise(const Matrix& rows, double eps, int min_samples) {
-  DBScan model(eps, min_samples, 1);
-  std::vector<int> labels;
-  model.Run(make_obs(rows), labels);
-  return std::find(labels.begin(), labels.end(), -1) != labels.end();
 }
 
 }  // namespace

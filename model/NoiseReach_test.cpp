@@ -15,6 +15,7 @@
 namespace {
 
 using Matrix = std::vector<std::vector<double>>;
+using tsanomaly_test::any_noise;
 using tsanomaly_test::make_obs;
 using tsanomaly_test::on_a_line;
 
@@ -24,13 +25,6 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 double largest_reach(const Matrix& rows, std::size_t others_needed) {
   const FeatureColumns columns(make_obs(rows));
   return std::sqrt(noise_reach::largest_squared_reach(columns, noise_reach::squared_core_radii(columns, others_needed)));
-}
-
-bool any_noise(const Matrix& rows, double eps, int min_samples) {
-  DBScan model(eps, min_samples, 1);
-  std::vector<int> labels;
-  model.Run(make_obs(rows), labels);
-  return std::find(labels.begin(), labels.end(), -1) != labels.end();
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
 // Test helpers for the clusterer's and the calibrator's units: the
-// Observations of a matrix of rows, and points on a line.
+// Observations of a matrix of rows, points on a line, and whether a full
+// clustering at eps leaves any row as noise (the calibrator's criterion).
 #pragma once
 
+#include <algorithm>
 #include <vector>
 
+#include "model/DBScanModelImpl.h"
 #include "model/Observations.h"
 
 namespace tsanomaly_test {
@@ -24,6 +27,14 @@ inline Matrix on_a_line(const std::vector<double>& positions) {
   Matrix rows;
   for (const double x : positions) rows.push_back({x});
   return rows;
+}
+
+// Whether clustering rows in full (run mode 1) at eps leaves a noise row.
+inline bool any_noise(const Matrix& rows, double eps, int min_samples) {
+  DBScan model(eps, min_samples, 1);
+  std::vector<int> labels;
+  model.Run(make_obs(rows), labels);
+  return std::find(labels.begin(), labels.end(), -1) != labels.end();
 }
 
 }  // namespace tsanomaly_test
