@@ -85,4 +85,14 @@ TEST(AlertMessage, TheSlackBodyHasOnlyTheText) {
   EXPECT_EQ(WebhookChannel::body(WebhookFormat::Json, message), message.json);
 }
 
+TEST(AlertMessage, TheSlackBodyEscapesMarkupAndTheJsonBodyDoesNot) {
+  AlertMessage message;
+  message.text = "a & b <https://evil.example|click> <!channel> &amp;";
+  auto json = tsanomaly_test::parse(WebhookChannel::body(WebhookFormat::Slack, message));
+  EXPECT_EQ(tsanomaly_test::string_member(json.get(), "text"),
+            "a &amp; b &lt;https://evil.example|click&gt; &lt;!channel&gt; &amp;amp;");
+  message.json = "{\"text\":\"<!channel>\"}";
+  EXPECT_EQ(WebhookChannel::body(WebhookFormat::Json, message), message.json);
+}
+
 }  // namespace

@@ -180,8 +180,10 @@ AlertSettings AlertSettings::read(const std::string& ini_path) {
   const std::string section = "ALERTS";
   settings.console_url = config.get_config(section, "CONSOLE_URL");
   while (!settings.console_url.empty() && settings.console_url.back() == '/') settings.console_url.pop_back();
-  if (has_control_character(settings.console_url)) {
-    settings.warnings.push_back("[ALERTS] CONSOLE_URL contains a control character; alerts carry no link");
+  // The link ends up in texts people read: anything visible_text would have
+  // to escape (controls, invisible format characters) makes it no link at all.
+  if (visible_text(settings.console_url) != settings.console_url) {
+    settings.warnings.push_back("[ALERTS] CONSOLE_URL contains a control or invisible character; alerts carry no link");
     settings.console_url.clear();
   }
   settings.since_hours = number(config, section, {"SINCE_HOURS", 24, 0, 87600}, settings.warnings);

@@ -29,6 +29,23 @@ std::unique_ptr<curl_slist, HeaderListDeleter> headers(const ChannelSettings& se
   return std::unique_ptr<curl_slist, HeaderListDeleter>(list);
 }
 
+// Slack reads "<...>" in a text as a link or a mention ("<!channel>" pings
+// everyone) and "&" as the start of an entity; escaped as its documentation
+// asks, text from the database is shown exactly as written and acts as nothing.
+std::string slack_escaped(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
 }  // namespace
 
 std::string WebhookChannel::body(WebhookFormat format, const AlertMessage& message) {
@@ -40,7 +57,7 @@ std::string WebhookChannel::body(WebhookFormat format, const AlertMessage& messa
     return list + "]";
   }
   Json document = Json::object();
-  document.set("text", Json::string(message.text));
+  document.set("text", Json::string(slack_escaped(message.text)));
   return document.dump({.compact = true});
 }
 
