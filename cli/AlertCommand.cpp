@@ -17,7 +17,7 @@
 
 const CommandArgs::Syntax kAlertSyntax{
     {{.name = "--config", .value_name = "INI", .help = "the configuration file (required)"},
-     {.name = "--once", .help = "run one cycle and exit: 0, or 1 when DB could not be used"}},
+     {.name = "--once", .help = "run one cycle, wait for every channel, and exit: 0, or 1 when DB could not be used"}},
     1,
     1,
     {"DB"}};
@@ -36,8 +36,9 @@ const std::string kAlertHelp =
     "ALERT_FIRING, created when missing). A failed alert is tried again with\n"
     "growing delays for 24 hours, then given up. An anomaly reported as a false\n"
     "positive or acknowledged before its alert went out is not alerted; with\n"
-    "FORMAT=alertmanager, one judged after is resolved in Alertmanager. Runs\n"
-    "until SIGTERM or SIGINT; logs to standard error.\n"
+    "FORMAT=alertmanager, one judged after is resolved in Alertmanager. Each\n"
+    "channel delivers on its own: a slow receiver holds up only its channel.\n"
+    "Runs until SIGTERM or SIGINT; logs to standard error.\n"
     "\n" +
     options_help(kAlertSyntax.options);
 
@@ -79,7 +80,11 @@ int run_alert(int argc, char** argv) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   StopSignal::install();
   AlertCycle cycle(args.positional()[0], *config);
-  if (args.flag("--once")) return cycle.run(std::time(nullptr)), cycle.ok() ? 0 : 1;
+  if (args.flag("--once")) {
+    cycle.run(std::time(nullptr));
+    cycle.wait();
+    return cycle.ok() ? 0 : 1;
+  }
   alert_log::info("started for " + args.positional()[0] + " with " + *config);
   SystemdNotify::ready("sending alerts");
   while (!StopSignal::requested()) {
@@ -87,6 +92,8 @@ int run_alert(int argc, char** argv) {
     wait_for_next_cycle(settings.interval_seconds);
   }
   SystemdNotify::stopping();
+  // A send in flight ends within its channel's time limit.
+  cycle.wait();
   alert_log::info("stopped");
   return 0;
 }
