@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 
+#include "alerts/SecretFile.h"
 #include "config/Configuration.h"
 #include "platform/VisibleText.h"
 #include "util/Text.h"
@@ -56,20 +57,34 @@ struct UrlDeleter {
   void operator()(CURLU* url) const { curl_url_cleanup(url); }
 };
 
-// "" when url is an absolute http or https URL with a host.
-std::string url_problem(const std::string& url) {
+// "" when url is an absolute http or https URL with a host. named is how
+// messages call it: a URL read from a secret file is not shown in the log.
+std::string url_problem(const std::string& url, const std::string& named) {
   if (url.empty()) return "URL is missing";
   if (has_control_character(url)) return "URL contains a control character";
   std::unique_ptr<CURLU, UrlDeleter> parsed(curl_url());
   char* scheme = nullptr;
   if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
       curl_url_get(parsed.get(), CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) {
-    return "URL '" + visible_text(url) + "' is malformed";
+    return named + " is malformed";
   }
   const std::string lowered = text::to_lower(scheme);
   curl_free(scheme);
-  if (lowered != "http" && lowered != "https") return "URL '" + visible_text(url) + "' is not http or https";
+  if (lowered != "http" && lowered != "https") return named + " is not http or https";
   return "";
+}
+
+// The value of key, or the secret in the file its KEY_FILE names; error is
+// set (when still empty) if both are given or the file is refused.
+std::string secret(const Configuration& config, const std::string& section, const std::string& key,
+                   std::string& error) {
+  const std::string value = config.get_config(section, key);
+  const std::string file = config.get_config(section, key + "_FILE");
+  if (file.empty()) return value;
+  const Secret read = value.empty() ? secret_file::read(key + "_FILE", file)
+                                    : Secret{"", "set " + key + " or " + key + "_FILE, not both"};
+  if (error.empty()) error = read.error;
+  return read.text;
 }
 
 // Alertmanager's address is configured as its base ("http://am:9093") or as
@@ -94,12 +109,15 @@ ChannelSettings webhook(const Configuration& config, std::vector<std::string>& w
   const std::string section = "ALERT_WEBHOOK";
   ChannelSettings channel;
   channel.kind = ChannelKind::webhook;
-  channel.url = config.get_config(section, "URL");
-  channel.authorization = config.get_config(section, "AUTHORIZATION");
+  channel.url = secret(config, section, "URL", channel.error);
+  channel.authorization = secret(config, section, "AUTHORIZATION", channel.error);
   channel.timeout_seconds = number(config, section, {"TIMEOUT_SECONDS", 10, 1, 300}, warnings);
   const std::string format = text::to_lower(config.get_config(section, "FORMAT"));
   channel.format = format_named(format).value_or(WebhookFormat::Json);
-  channel.error = url_problem(channel.url);
+  const bool url_is_secret = !config.get_config(section, "URL_FILE").empty();
+  if (channel.error.empty()) {
+    channel.error = url_problem(channel.url, url_is_secret ? "URL from URL_FILE" : "URL '" + visible_text(channel.url) + "'");
+  }
   if (channel.error.empty() && !format_named(format)) {
     channel.error = "FORMAT '" + visible_text(format) + "' is unknown (json, slack or alertmanager)";
   }

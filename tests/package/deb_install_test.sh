@@ -57,6 +57,8 @@ esac
 check test "$(owner_mode /var/lib/tsanomalydetect)" = "tsanomaly:tsanomaly 750"
 check test "$(owner_mode /var/log/tsanomalydetect)" = "tsanomaly:tsanomaly 750"
 check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsanomaly 640"
+# The configuration may hold secrets: the service's group reads it, no one else.
+check test "$(owner_mode /etc/tsanomalydetect/tsanomalydetect.ini)" = "root:tsanomaly 640"
 # An installed unit's sandbox as systemd rates it, within the CI limit.
 check_exposure() {
   command -v systemd-analyze >/dev/null || return 0
@@ -98,8 +100,11 @@ check_exposure "$console"
 # A database left root-owned by an earlier version is handed over on upgrade.
 chown root:root /var/lib/tsanomalydetect/anomaly.db
 chmod 0644 /var/lib/tsanomalydetect/anomaly.db
+# So is a configuration an earlier version left readable by every user.
+chmod 0644 /etc/tsanomalydetect/tsanomalydetect.ini
 dpkg -i "$deb" >/dev/null
 check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsanomaly 640"
+check test "$(owner_mode /etc/tsanomalydetect/tsanomalydetect.ini)" = "root:tsanomaly 640"
 
 # An administrator's edit survives removal; purge takes it away.
 echo '; edited by the administrator' >> /etc/tsanomalydetect/tsanomalydetect.ini
