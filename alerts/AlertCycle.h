@@ -20,6 +20,8 @@
 
 #include "alerts/AlertSettings.h"
 
+class DeliveryLedger;
+
 class AlertCycle {
  public:
   AlertCycle(std::string database_path, std::string config_path);
@@ -37,7 +39,7 @@ class AlertCycle {
   void note_problems(const AlertSettings& settings);
   // Opens the database and its ledger for use; a failure is logged and
   // clears ok().
-  void with_ledger(const std::function<void(class DeliveryLedger&)>& use);
+  void with_ledger(const std::function<void(DeliveryLedger&)>& use);
   bool busy(const std::string& channel) const;
   void start_delivery(const ChannelSettings& channel, const AlertSettings& all, time_t now);
 
