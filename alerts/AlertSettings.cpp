@@ -116,7 +116,8 @@ ChannelSettings webhook(const Configuration& config, std::vector<std::string>& w
   channel.format = format_named(format).value_or(WebhookFormat::Json);
   const bool url_is_secret = !config.get_config(section, "URL_FILE").empty();
   if (channel.error.empty()) {
-    channel.error = url_problem(channel.url, url_is_secret ? "URL from URL_FILE" : "URL '" + visible_text(channel.url) + "'");
+    const std::string named = url_is_secret ? "URL from URL_FILE" : "URL '" + visible_text(channel.url) + "'";
+    channel.error = url_problem(channel.url, named);
   }
   if (channel.error.empty() && !format_named(format)) {
     channel.error = "FORMAT '" + visible_text(format) + "' is unknown (json, slack or alertmanager)";

@@ -28,6 +28,8 @@ std::string credential_path(const std::string& key, const std::string& name, std
   return "";
 }
 
+std::string cannot_read() { return std::string("cannot be read: ") + std::strerror(errno); }
+
 // Why the opened file may not hold a secret; empty when it may.
 std::string refusal(const struct stat& st) {
   if (!S_ISREG(st.st_mode)) return "is not a regular file";
@@ -59,14 +61,14 @@ Secret read(const std::string& key, const std::string& where) {
   const std::string named = key + " '" + visible_text(path) + "'";
   const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
-    secret.error = named + (errno == ELOOP ? " is a symbolic link" : std::string(" cannot be read: ") + std::strerror(errno));
+    secret.error = named + " " + (errno == ELOOP ? "is a symbolic link" : cannot_read());
     return secret;
   }
   struct stat st {};
-  std::string why = ::fstat(fd, &st) == 0 ? refusal(st) : std::string("cannot be read: ") + std::strerror(errno);
+  std::string why = ::fstat(fd, &st) == 0 ? refusal(st) : cannot_read();
   std::string text(kMaxBytes, '\0');
   const ssize_t length = why.empty() ? ::read(fd, text.data(), text.size()) : 0;
-  if (length < 0) why = std::string("cannot be read: ") + std::strerror(errno);
+  if (length < 0) why = cannot_read();
   ::close(fd);
   if (!why.empty()) {
     secret.error = named + " " + why;
