@@ -91,3 +91,20 @@ TEST_F(ResticHookFailureTest, LeavesNoTemporaryFileBehind) {
   EXPECT_EQ(count("DATA_TO_PROCESS"), "1");
   EXPECT_TRUE(std::filesystem::is_empty(tmp));
 }
+
+// The installed restic's own snapshot list: queued when its snapshots carry
+// a summary (restic 0.17 and later), each skipped with the reason otherwise.
+TEST_F(ResticHookFailureTest, RealSnapshotListIsQueuedOrSkippedWithTheReason) {
+  ASSERT_EQ(program({"/usr/bin/restic", "backup", "--quiet", dir.file("data")}).exit_code, 0);
+  const Run list = program({"/usr/bin/restic", "snapshots", "--json"});
+  ASSERT_EQ(list.exit_code, 0) << list.err;
+  const Run run = ingest("restic", {write("snapshots.json", list.out)});
+  if (list.out.find("\"summary\"") != std::string::npos) {
+    EXPECT_EQ(run.exit_code, 0) << run.err;
+    EXPECT_EQ(count("DATA_TO_PROCESS"), "1");
+  } else {
+    EXPECT_EQ(run.exit_code, 1);
+    EXPECT_EQ(run.out, "0 jobs queued, 0 already queued, 1 skipped\n");
+    EXPECT_NE(run.err.find("carries no summary (restic records one since 0.17)"), std::string::npos) << run.err;
+  }
+}
