@@ -32,6 +32,16 @@ std::string formats_help() {
   return help;
 }
 
+// The inputs one run reads at most; each is named, so the completion offers
+// a file name for every one.
+constexpr std::size_t kMaxInputs = 32;
+
+std::vector<std::string> argument_names() {
+  std::vector<std::string> names{"DB"};
+  names.insert(names.end(), kMaxInputs, "FILE");
+  return names;
+}
+
 }  // namespace
 
 const CommandArgs::Syntax kIngestSyntax{
@@ -48,20 +58,22 @@ const CommandArgs::Syntax kIngestSyntax{
       .whole = WholeRange{0, 253402300799}},
      {.name = "--as-history", .help = "write the jobs into the history as accepted jobs\ninstead of the queue"}},
     1,
-    SIZE_MAX,
-    {"DB", "FILE"}};
+    1 + kMaxInputs,
+    argument_names()};
 
 const std::string kIngestHelp =
     "usage: tsanomalyctl ingest DB --format FORMAT [--client NAME] [--policy NAME]\n"
     "                           [--policy-type NAME] [--schedule NAME] [--storage NAME]\n"
     "                           [--asset NAME] [--time EPOCH] [--as-history] [FILE ...]\n"
     "\n"
-    "Reads a backup tool's own output from each FILE (standard input when there is\n"
-    "none, or for '-') and queues every finished job it reports in DATA_TO_PROCESS,\n"
-    "for the next detection pass to judge. The options name what the output lacks\n"
-    "and override what it says. A job already in the queue or the history is not\n"
-    "queued again, so the same output can be ingested twice. Failed jobs and\n"
-    "records that cannot be read are named on standard error and skipped.\n"
+    "Reads a backup tool's own output from each FILE (at most " + std::to_string(kMaxInputs) +
+    "; standard input when\n"
+    "there is none, or for '-') and queues every finished job it reports in\n"
+    "DATA_TO_PROCESS, for the next detection pass to judge. The options name what\n"
+    "the output lacks and override what it says. A job already in the queue or\n"
+    "the history is not queued again, so the same output can be ingested twice.\n"
+    "Failed jobs and records that cannot be read are named on standard error and\n"
+    "skipped.\n"
     "Prints one line: jobs queued, already queued, skipped. Exits 0, or 1 when a\n"
     "record was skipped or the database cannot be written (it is written by root\n"
     "and by the members of the group '" +

@@ -108,6 +108,10 @@ TEST_F(IngestToolTest, BadArgumentsExitTwo) {
   EXPECT_EQ(unknown.exit_code, 2);
   EXPECT_NE(unknown.err.find("unknown format 'tar' (jsonl, restic"), std::string::npos) << unknown.err;
   EXPECT_EQ(ingest("jsonl", {"--time", "soon"}).exit_code, 2);
+  std::vector<std::string> too_many(33, "/dev/null");
+  const Run many = ingest("jsonl", too_many);
+  EXPECT_EQ(many.exit_code, 2);
+  EXPECT_NE(many.err.find("unexpected argument"), std::string::npos) << many.err;
 }
 
 TEST_F(IngestToolTest, MissingDatabaseOrInputExitsOne) {
