@@ -68,6 +68,7 @@ adduser --system --quiet --no-create-home --ingroup tsanomaly-ingest tsanomaly-h
 job='{"id": "pkg-1", "files": 1, "size_kb": 1, "transferred_kb": 1, "seconds": 1}'
 echo "$job" | runuser -u tsanomaly-hook-test -- tsanomalyctl ingest /var/lib/tsanomalydetect/anomaly.db --format jsonl \
   | grep -qx '1 jobs queued, 0 already queued, 0 skipped' || fail "a member of tsanomaly-ingest cannot queue a job"
+sqlite3 /var/lib/tsanomalydetect/anomaly.db "DELETE FROM DATA_TO_PROCESS WHERE UNIQUE_KEY = 'jsonl:pkg-1'"
 refusal=$(echo "$job" | runuser -u nobody -- tsanomalyctl ingest /var/lib/tsanomalydetect/anomaly.db --format jsonl 2>&1) \
   && fail "a user outside tsanomaly-ingest queued a job"
 case "$refusal" in
