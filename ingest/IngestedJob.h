@@ -40,9 +40,25 @@ struct IngestedJob {
 };
 
 // The queue's job number for a tool id: the id itself when it is a decimal
-// number that fits, otherwise a stable 53-bit hash of it (positive, so that
-// it reads the same as an integer and as a double).
+// number that fits, otherwise a stable hash of it. Never above
+// kMaxJobNumber: the detector reads JOB_ID as a 32-bit int (in its log, the
+// anomaly's "jobid" and the history row it writes), so a wider number would
+// come back wrapped, negative and unlike the queued one. JOB_ID is no key
+// (UNIQUE_KEY is), so two tool ids sharing a number only share a label.
+inline constexpr std::int64_t kMaxJobNumber = 2147483647;
 std::int64_t ingest_job_number(const std::string& tool_job_id);
 
 // The queue's UNIQUE_KEY for a job: "<tool>:<tool_job_id>".
 std::string ingest_unique_key(const IngestedJob& job);
+
+// Bytes as the detector's kilobytes (1 KB = 1024 bytes).
+inline constexpr double ingest_kilobytes(double bytes) { return bytes / 1024.0; }
+
+// The deduplication ratio of a job that read `processed_bytes` and stored
+// `added_bytes` of new data: processed / added, with the added size counted
+// as at least one kilobyte, so a job that adds nothing scores its processed
+// size in kilobytes instead of dividing by zero, and capped at
+// kIngestDedupCap. A day where everything is new (ransomware rewriting the
+// files) scores about 1, far below the usual ratio of an incremental backup.
+inline constexpr double kIngestDedupCap = 1e6;
+double ingest_dedup_ratio(double processed_bytes, double added_bytes);
