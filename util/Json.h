@@ -3,6 +3,7 @@
 // that failed to parse or was moved from is empty, and reading it yields none.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -44,6 +45,12 @@ class Json {
   // A stored document embedded as itself when it parses once repaired to
   // UTF-8, or else as a string, so that no stored text is ever lost.
   static Json parsed_or_string(const std::string& stored);
+  // The first object or array of text, for a stream of documents written one
+  // after another; *consumed is how many bytes of text it took (0 on
+  // failure). Every number is read as a real, so an integer too big for 64
+  // bits is a value the caller can range-check rather than a failure of the
+  // whole document. Same UTF-8 and NUL rules as parse().
+  static Json parse_first(std::string_view text, std::size_t* consumed, std::string* error = nullptr);
 
   bool valid() const { return value_ != nullptr; }
 
@@ -59,6 +66,10 @@ class Json {
   std::optional<std::string> as_text() const;
   std::optional<long long> as_integer() const;
   std::optional<double> as_number() const;  // an integer or a real
+  // The elements of an array, sharing them with this one; 0 and empty
+  // values when this is not an array or index is past its end.
+  std::size_t size() const;
+  Json at(std::size_t index) const;
 
   // The value as JSON text; empty text for an empty value.
   std::string dump(JsonFormat format = {}) const;
