@@ -7,6 +7,7 @@
 #include "cli/DetectCommand.h"
 #include "cli/ExplainCommand.h"
 #include "cli/FeedbackCommand.h"
+#include "cli/IngestCommand.h"
 #include "cli/InitCommand.h"
 #include "cli/ReportCommand.h"
 #include "cli/ServeCommand.h"
@@ -25,6 +26,7 @@ const Command kCommands[] = {
     {"report", "write an HTML page of the anomalies with charts", run_report, kReportSyntax},
     {"serve", "serve the operator console: pages, JSON API, metrics", run_serve, kServeSyntax},
     {"status", "queue, history, models and recent anomalies", run_status, kStatusSyntax},
+    {"ingest", "queue the finished jobs a backup tool reports", run_ingest, kIngestSyntax},
     {"simulate", "fill a database with synthetic backup jobs", run_simulate, kSimulateSyntax},
     {"upgrade", "compare a database with the detector's schema; add what is missing", run_upgrade, kUpgradeSyntax},
     {"alert", "send alerts for new anomalies (the alert process)", run_alert, kAlertSyntax},

@@ -1,5 +1,6 @@
 #include "ingest/IngestedJob.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace {
@@ -27,3 +28,7 @@ std::int64_t ingest_job_number(const std::string& tool_job_id) {
 }
 
 std::string ingest_unique_key(const IngestedJob& job) { return job.tool + ":" + job.tool_job_id; }
+
+double ingest_dedup_ratio(double processed_bytes, double added_bytes) {
+  return std::min(processed_bytes / std::max(added_bytes, 1024.0), kIngestDedupCap);
+}

@@ -46,3 +46,15 @@ std::int64_t ingest_job_number(const std::string& tool_job_id);
 
 // The queue's UNIQUE_KEY for a job: "<tool>:<tool_job_id>".
 std::string ingest_unique_key(const IngestedJob& job);
+
+// Bytes as the detector's kilobytes (1 KB = 1024 bytes).
+inline constexpr double ingest_kilobytes(double bytes) { return bytes / 1024.0; }
+
+// The deduplication ratio of a job that read `processed_bytes` and stored
+// `added_bytes` of new data: processed / added, with the added size counted
+// as at least one kilobyte, so a job that adds nothing scores its processed
+// size in kilobytes instead of dividing by zero, and capped at
+// kIngestDedupCap. A day where everything is new (ransomware rewriting the
+// files) scores about 1, far below the usual ratio of an incremental backup.
+inline constexpr double kIngestDedupCap = 1e6;
+double ingest_dedup_ratio(double processed_bytes, double added_bytes);
