@@ -1,5 +1,7 @@
 #include "ingest/IngestFormats.h"
 
+#include "ingest/BorgFormat.h"
+#include "ingest/DuplicityFormat.h"
 #include "ingest/JsonlFormat.h"
 
 namespace {
@@ -7,6 +9,9 @@ namespace {
 // One row per format; keep the rows in the order --help should list them.
 const IngestFormat kFormats[] = {
     {"jsonl", read_jsonl, false, "one JSON object per line, one job each (see the README's Ingest section)"},
+    {"borg", read_borg, true, "borg create --json (one archive) or borg info --json (its archives), Borg 1.x or 2.x"},
+    {"borgmatic", read_borgmatic, false, "borgmatic create --json: one archive per repository"},
+    {"duplicity", read_duplicity, false, "duplicity's Backup Statistics block, after an IngestTarget line naming the target"},
 };
 
 }  // namespace
