@@ -112,8 +112,8 @@ bool read_info(const Json& document, const std::string& where, JobSink& sink) {
   const Json archives = document.member("archives");
   if (!archives.valid()) return false;
   const std::string location = repository_location(document);
-  for (std::size_t i = 0; i < archives.size(); ++i) {
-    read_archive(archives.at(i), location, where + ", archive " + std::to_string(i + 1), sink);
+  for (std::size_t i = 0; i < archives.array_size(); ++i) {
+    read_archive(archives.element(i), location, where + ", archive " + std::to_string(i + 1), sink);
   }
   return true;
 }
@@ -130,14 +130,14 @@ void read_borg(std::istream& in, JobSink& sink) {
 
 void read_borgmatic(std::istream& in, JobSink& sink) {
   for_each_json_document(in, sink, "borgmatic create --json", [&sink](const Json& document, const std::string& where) {
-    if (!document.valid() || document.member("archive").valid() || document.size() == 0 ||
-        !document.at(0).member("archive").valid()) {
+    if (!document.valid() || document.member("archive").valid() || document.array_size() == 0 ||
+        !document.element(0).member("archive").valid()) {
       sink.skipped(where, "not borgmatic create --json output (an array of borg create objects); the rest of the input is not read");
       return false;
     }
-    for (std::size_t i = 0; i < document.size(); ++i) {
+    for (std::size_t i = 0; i < document.array_size(); ++i) {
       const std::string repository = where + ", repository " + std::to_string(i + 1);
-      if (!read_create(document.at(i), repository, sink)) sink.skipped(repository, "no \"archive\" object");
+      if (!read_create(document.element(i), repository, sink)) sink.skipped(repository, "no \"archive\" object");
     }
     return true;
   });

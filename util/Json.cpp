@@ -86,9 +86,9 @@ std::optional<double> Json::as_number() const {
   return json_number_value(value_);
 }
 
-std::size_t Json::size() const { return json_is_array(value_) ? json_array_size(value_) : 0; }
+std::size_t Json::array_size() const { return json_array_size(value_); }
 
-Json Json::at(std::size_t index) const { return Json(json_incref(json_array_get(value_, index))); }
+Json Json::element(std::size_t index) const { return Json(json_incref(json_array_get(value_, index))); }
 
 std::string Json::dump(JsonFormat format) const {
   std::size_t flags = JSON_REAL_PRECISION(format.real_precision);

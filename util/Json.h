@@ -66,10 +66,10 @@ class Json {
   std::optional<std::string> as_text() const;
   std::optional<long long> as_integer() const;
   std::optional<double> as_number() const;  // an integer or a real
-  // The elements of an array, sharing them with this one; 0 and empty
-  // values when this is not an array or index is past its end.
-  std::size_t size() const;
-  Json at(std::size_t index) const;
+  // The elements of an array, by index, sharing their values with this one;
+  // 0 / empty when this is not an array or the index is past its end.
+  std::size_t array_size() const;
+  Json element(std::size_t index) const;
 
   // The value as JSON text; empty text for an empty value.
   std::string dump(JsonFormat format = {}) const;
