@@ -45,9 +45,9 @@ double bounded_number(const Json& value, const char* name, double max) {
 std::optional<std::int64_t> archive_time(const Json& archive, const char* name) {
   const std::string text = bounded_text(archive, name, false);
   if (text.empty()) return std::nullopt;
-  const std::optional<std::int64_t> epoch = iso_time_epoch(text);
+  const std::optional<double> epoch = iso_time_seconds(text);
   if (!epoch) throw BadRecord(std::string("\"") + name + "\" is not an ISO time");
-  return epoch;
+  return static_cast<std::int64_t>(*epoch);
 }
 
 // The job's key and times from the archive; the repository's location and

@@ -174,7 +174,7 @@ TEST(BorgFormatTest, BadMembersOfTheArchiveSkipIt) {
       R"("id": "ab", "duration": -3, )",
       R"("id": "ab", "duration": "long", )",
       R"("id": "ab", "duration": 1, "start": "yesterday", )",
-      R"("id": "ab", "duration": 1, "end": "2026-02-30T00:00:00", )",
+      R"("id": "ab", "duration": 1, "end": "2026-13-01T00:00:00", )",
   };
   for (const std::string& members : bad_members) {
     const CollectedJobs sink = borg(create_output(members, kGoodStats));

@@ -62,14 +62,14 @@ class Json {
   // The member called name, sharing the value with this one; empty when this
   // is not an object or has no such member.
   Json member(const char* name) const;
-  // This value when it has that type; none otherwise.
-  std::optional<std::string> as_text() const;
-  std::optional<long long> as_integer() const;
-  std::optional<double> as_number() const;  // an integer or a real
   // The elements of an array, by index, sharing their values with this one;
   // 0 / empty when this is not an array or the index is past its end.
   std::size_t array_size() const;
   Json element(std::size_t index) const;
+  // This value when it has that type; none otherwise.
+  std::optional<std::string> as_text() const;
+  std::optional<long long> as_integer() const;
+  std::optional<double> as_number() const;  // an integer or a real
 
   // The value as JSON text; empty text for an empty value.
   std::string dump(JsonFormat format = {}) const;
