@@ -15,12 +15,14 @@
 tsanomaly_ingest() {
     tsanomaly_format=$1
     tsanomaly_file=$2
-    # The options are meant to be split into words.
+    # The options are the administrator's words: split at blanks, never globbed.
+    set -f
     # shellcheck disable=SC2086
-    timeout "${TSANOMALY_INGEST_TIMEOUT:-30}" "${TSANOMALYCTL:-tsanomalyctl}" ingest \
+    timeout --kill-after=5 "${TSANOMALY_INGEST_TIMEOUT:-30}" "${TSANOMALYCTL:-tsanomalyctl}" ingest \
         "${TSANOMALY_DB:-/var/lib/tsanomalydetect/anomaly.db}" --format "$tsanomaly_format" \
         ${TSANOMALY_INGEST_OPTIONS:-} "$tsanomaly_file" >&2
     tsanomaly_status=$?
+    set +f
     if [ "$tsanomaly_status" -ne 0 ]; then
         echo "$(basename "$0"): tsanomalyctl ingest ended with status $tsanomaly_status; the backup's own status is kept" >&2
     fi
@@ -31,5 +33,6 @@ tsanomaly_ingest() {
 tsanomaly_output_file() {
     tsanomaly_output=$(mktemp "${TMPDIR:-/tmp}/tsanomaly-hook.XXXXXXXXXX") || return 1
     trap 'rm -f "$tsanomaly_output"' EXIT
-    trap 'exit 130' INT TERM
+    trap 'exit 130' INT
+    trap 'exit 143' TERM
 }
