@@ -2,9 +2,9 @@
 
 #include <cmath>
 #include <optional>
-#include <stdexcept>
 
 #include "ingest/ArchiveName.h"
+#include "ingest/BadRecord.h"
 #include "ingest/IsoTime.h"
 #include "ingest/JsonDocuments.h"
 #include "ingest/TargetName.h"
@@ -18,11 +18,6 @@ constexpr std::size_t kMaxNameBytes = 1024;
 constexpr double kMaxBytes = 1e18;
 constexpr double kMaxFiles = 1e12;
 constexpr double kMaxSeconds = 366.0 * 86400;
-
-// Why a record is not queued; the reader turns it into a skipped() call.
-struct BadRecord : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 std::string bounded_text(const Json& value, const char* name, bool required) {
   const std::optional<std::string> text = value.member(name).as_text();

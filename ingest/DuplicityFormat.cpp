@@ -4,8 +4,8 @@
 #include <cmath>
 #include <map>
 #include <optional>
-#include <stdexcept>
 
+#include "ingest/BadRecord.h"
 #include "ingest/BoundedLines.h"
 #include "ingest/TargetName.h"
 #include "util/Text.h"
@@ -23,10 +23,6 @@ constexpr double kMaxBytes = 1e18;
 constexpr double kMaxFiles = 1e12;
 constexpr double kMaxSeconds = 366.0 * 86400;
 constexpr double kMaxEpoch = 253402300799.0;
-
-struct BadRecord : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 bool is_block_start(std::string_view line) {
   return line.starts_with("----") && line.find("[ Backup Statistics ]") != std::string_view::npos;

@@ -1,5 +1,7 @@
 #include "ingest/JsonDocuments.h"
 
+#include <algorithm>
+#include <optional>
 #include <stdexcept>
 
 #include "util/Text.h"
