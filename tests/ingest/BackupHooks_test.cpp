@@ -70,6 +70,18 @@ TEST_F(BackupHooksTest, AnIngestThatHangsIsCutShort) {
   EXPECT_NE(err.find("ended with status 124"), std::string::npos) << err;
 }
 
+TEST_F(BackupHooksTest, EveryHookLeavesNoTemporaryFileBehind) {
+  const std::string temporary = dir.file("tmp");
+  ASSERT_EQ(mkdir(temporary.c_str(), 0700), 0);
+  setenv("TMPDIR", temporary.c_str(), 1);
+  std::string err;
+  EXPECT_EQ(borg_backup(&err), 0) << err;
+  EXPECT_EQ(run_program({BackupScenario::hook("borgmatic-backup"), "-c", dir.file("none.yaml")}), 1);
+  EXPECT_NE(run_program({BackupScenario::hook("duplicity-backup"), "--no-encryption", dir.file("data"), "nosuchscheme://x"}), 0);
+  EXPECT_EQ(run_program({"/usr/bin/find", temporary, "-mindepth", "1", "-quit", "-print"}, nullptr, &err), 0);
+  EXPECT_EQ(err, "");
+}
+
 TEST_F(BackupHooksTest, WithoutATemporaryFileTheBackupStillRuns) {
   setenv("TMPDIR", dir.file("missing").c_str(), 1);
   std::string err;
