@@ -45,6 +45,17 @@ Json Json::parse(const std::string& document, std::string* error) {
   return Json(parsed);
 }
 
+Json Json::parse_first(std::string_view text, std::size_t* consumed, std::string* error) {
+  json_error_t failure;
+  json_t* parsed = json_loadb(text.data(), text.size(), JSON_DISABLE_EOF_CHECK | JSON_DECODE_INT_AS_REAL, &failure);
+  *consumed = parsed != nullptr ? static_cast<std::size_t>(failure.position) : 0;
+  if (parsed == nullptr && error != nullptr) {
+    *error = "line " + std::to_string(failure.line) + ", column " + std::to_string(failure.column) + ": " +
+             failure.text;
+  }
+  return Json(parsed);
+}
+
 Json Json::parsed_or_string(const std::string& stored) {
   Json parsed = parse(text::as_utf8(stored));
   return parsed.valid() ? std::move(parsed) : string(stored);

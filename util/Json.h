@@ -3,6 +3,7 @@
 // that failed to parse or was moved from is empty, and reading it yields none.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -44,6 +45,12 @@ class Json {
   // A stored document embedded as itself when it parses once repaired to
   // UTF-8, or else as a string, so that no stored text is ever lost.
   static Json parsed_or_string(const std::string& stored);
+  // The first object or array of text, for a stream of documents written one
+  // after another; *consumed is how many bytes of text it took (0 on
+  // failure). Every number is read as a real, so an integer too big for 64
+  // bits is a value the caller can range-check rather than a failure of the
+  // whole document. Same UTF-8 and NUL rules as parse().
+  static Json parse_first(std::string_view text, std::size_t* consumed, std::string* error = nullptr);
 
   bool valid() const { return value_ != nullptr; }
 

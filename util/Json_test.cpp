@@ -148,6 +148,32 @@ TEST(JsonTest, AStoredDocumentIsEmbeddedAsItselfOrAsText) {
             "{\"parsed\":{\"k\":\"caf\xEF\xBF\xBD\"},\"text\":\"not json \xEF\xBF\xBD\"}");
 }
 
+TEST(JsonTest, ParseFirstReadsOneDocumentOfAStreamAndSaysHowFarItRead) {
+  const std::string stream = "{\"a\": 1}\n[2, 3]\n{\"b\":";
+  std::size_t consumed = 0;
+  const Json first = Json::parse_first(stream, &consumed);
+  ASSERT_TRUE(first.valid());
+  EXPECT_EQ(first.member("a").as_number(), 1.0);
+  ASSERT_EQ(consumed, 8u);
+  std::size_t second_length = 0;
+  const Json second = Json::parse_first(std::string_view(stream).substr(consumed), &second_length);
+  ASSERT_EQ(second.array_size(), 2u);
+  EXPECT_EQ(second.element(1).as_number(), 3.0);
+  std::string error;
+  std::size_t third_length = 99;
+  EXPECT_FALSE(Json::parse_first(std::string_view(stream).substr(consumed + second_length), &third_length, &error).valid());
+  EXPECT_EQ(third_length, 0u);
+  EXPECT_FALSE(error.empty());
+}
+
+TEST(JsonTest, ParseFirstReadsAnIntegerTooBigForSixtyFourBitsAsAReal) {
+  std::size_t consumed = 0;
+  const Json root = Json::parse_first(R"({"n": 123456789012345678901234567890})", &consumed);
+  ASSERT_TRUE(root.valid());
+  EXPECT_GT(root.member("n").as_number().value_or(0), 1e29);
+  EXPECT_FALSE(Json::parse(R"({"n": 123456789012345678901234567890})").valid());
+}
+
 }  // namespace
 
 TEST(JsonTest, ElementsOfAnArrayAreReadByIndex) {

@@ -64,6 +64,8 @@ check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsan
 # A member of the group queues a job; a user outside it is told who may.
 hook=/usr/share/tsanomalydetect/hooks/restic-backup
 check test -x "$hook"
+for other in borg-backup borgmatic-backup duplicity-backup; do check test -x "${hook%/*}/$other"; done
+check test -f "${hook%/*}/tsanomaly-ingest.sh"
 adduser --system --quiet --no-create-home --ingroup tsanomaly-ingest tsanomaly-hook-test
 job='{"id": "pkg-1", "files": 1, "size_kb": 1, "transferred_kb": 1, "seconds": 1}'
 echo "$job" | runuser -u tsanomaly-hook-test -- tsanomalyctl ingest /var/lib/tsanomalydetect/anomaly.db --format jsonl \
