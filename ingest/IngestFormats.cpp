@@ -4,12 +4,14 @@
 #include "ingest/BaculaCsvFormat.h"
 #include "ingest/BaculaRunScriptFormat.h"
 #include "ingest/JsonlFormat.h"
+#include "ingest/ResticFormat.h"
 
 namespace {
 
 // One row per format; keep the rows in the order --help should list them.
 const IngestFormat kFormats[] = {
     {"jsonl", read_jsonl, false, "one JSON object per line, one job each (see the README's Ingest section)"},
+    {"restic", read_restic, true, "'restic backup --json' (its summary) or 'restic snapshots --json'"},
     {"bacula", read_bacula_runscript, false, "the line the bacula-runscript hook writes for a Bacula job"},
     {"bacula-catalog", read_bacula_catalog, true, "a Bacula SQLite catalog file (bacula.db): every backup job"},
     {"bacula-csv", read_bacula_csv, true, "the Bacula catalog query's CSV from psql --csv or mysql --batch"},

@@ -22,9 +22,11 @@ std::int64_t ingest_job_number(const std::string& tool_job_id) {
   std::int64_t number = 0;
   const char* end = tool_job_id.data() + tool_job_id.size();
   auto [ptr, ec] = std::from_chars(tool_job_id.data(), end, number);
-  if (ec == std::errc() && ptr == end && number >= 0 && !tool_job_id.empty() && tool_job_id[0] != '+') return number;
-  // 53 bits, so the number survives a trip through a double unchanged.
-  return static_cast<std::int64_t>(fnv1a(tool_job_id) & ((1ULL << 53) - 1));
+  if (ec == std::errc() && ptr == end && number >= 0 && number <= kMaxJobNumber && !tool_job_id.empty() &&
+      tool_job_id[0] != '+') {
+    return number;
+  }
+  return static_cast<std::int64_t>(fnv1a(tool_job_id) % kMaxJobNumber);
 }
 
 std::string ingest_unique_key(const IngestedJob& job) { return job.tool + ":" + job.tool_job_id; }

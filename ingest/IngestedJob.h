@@ -40,8 +40,12 @@ struct IngestedJob {
 };
 
 // The queue's job number for a tool id: the id itself when it is a decimal
-// number that fits, otherwise a stable 53-bit hash of it (positive, so that
-// it reads the same as an integer and as a double).
+// number that fits, otherwise a stable hash of it. Never above
+// kMaxJobNumber: the detector reads JOB_ID as a 32-bit int (in its log, the
+// anomaly's "jobid" and the history row it writes), so a wider number would
+// come back wrapped, negative and unlike the queued one. JOB_ID is no key
+// (UNIQUE_KEY is), so two tool ids sharing a number only share a label.
+inline constexpr std::int64_t kMaxJobNumber = 2147483647;
 std::int64_t ingest_job_number(const std::string& tool_job_id);
 
 // The queue's UNIQUE_KEY for a job: "<tool>:<tool_job_id>".

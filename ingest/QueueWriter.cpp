@@ -30,11 +30,13 @@ std::string folder_of(const std::string& path) {
 // "attempt to write a readonly database" at the first batch.
 void refuse_unwritable(const std::string& path) {
   struct stat st {};
-  if (lstat(path.c_str(), &st) != 0) {
-    throw std::runtime_error("no database '" + path + "' (" + std::strerror(errno) +
-                             "); create it with 'tsanomalyctl init'");
+  const bool found = lstat(path.c_str(), &st) == 0;
+  if (!found && errno == ENOENT) {
+    throw std::runtime_error("no database '" + path + "'; create it with 'tsanomalyctl init'");
   }
-  if (!S_ISREG(st.st_mode)) throw std::runtime_error("'" + path + "' is not a regular file");
+  if (found && !S_ISREG(st.st_mode)) throw std::runtime_error("'" + path + "' is not a regular file");
+  // Any other failure to see the file (a folder on the way this user may not
+  // enter) is reported by the checks below, which name who may write.
   for (const std::string& target : {path, folder_of(path)}) {
     if (access(target.c_str(), W_OK) != 0) {
       throw std::runtime_error("cannot write '" + target + "' (" + std::strerror(errno) +

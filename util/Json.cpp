@@ -60,6 +60,10 @@ void Json::append(Json value) {
 
 Json Json::member(const char* name) const { return Json(json_incref(json_object_get(value_, name))); }
 
+std::size_t Json::array_size() const { return json_array_size(value_); }
+
+Json Json::element(std::size_t index) const { return Json(json_incref(json_array_get(value_, index))); }
+
 std::optional<std::string> Json::as_text() const {
   if (!json_is_string(value_)) return std::nullopt;
   return std::string(json_string_value(value_));

@@ -55,6 +55,10 @@ class Json {
   // The member called name, sharing the value with this one; empty when this
   // is not an object or has no such member.
   Json member(const char* name) const;
+  // The elements of an array, by index, sharing their values with this one;
+  // 0 / empty when this is not an array or the index is past its end.
+  std::size_t array_size() const;
+  Json element(std::size_t index) const;
   // This value when it has that type; none otherwise.
   std::optional<std::string> as_text() const;
   std::optional<long long> as_integer() const;

@@ -149,3 +149,14 @@ TEST(JsonTest, AStoredDocumentIsEmbeddedAsItselfOrAsText) {
 }
 
 }  // namespace
+
+TEST(JsonTest, ElementsOfAnArrayAreReadByIndex) {
+  const Json array = Json::parse(R"([{"a": 1}, "two"])");
+  ASSERT_EQ(array.array_size(), 2u);
+  EXPECT_EQ(array.element(0).member("a").as_integer(), 1);
+  EXPECT_EQ(array.element(1).as_text(), "two");
+  EXPECT_FALSE(array.element(2).valid());
+  const Json object = Json::parse(R"({"a": 1})");
+  EXPECT_EQ(object.array_size(), 0u);
+  EXPECT_FALSE(object.element(0).valid());
+}
