@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "schema/BaculaCatalogSql.h"
 #include "storage/DBAccess.h"
 #include "tests/support/CollectingJobSink.h"
 #include "tests/support/TempDir.h"
@@ -118,6 +119,19 @@ TEST(BaculaCatalogFormat, AnotherToolsOutputOrNothingIsOneSkippedRecord) {
     ASSERT_EQ(sink.skips.size(), 1u);
     EXPECT_EQ(sink.skips[0].first, "catalog");
   }
+}
+
+// Words separated by single blanks, so the README may break lines anywhere.
+std::string collapsed(const std::string& text) {
+  std::istringstream words(text);
+  std::string word, out;
+  while (words >> word) out += (out.empty() ? "" : " ") + word;
+  return out;
+}
+
+TEST(BaculaCatalogFormat, TheReadmeQuotesTheQueryItRuns) {
+  const std::string readme = TempDir::read(tsanomaly_test::source_dir() + "/README.md");
+  EXPECT_NE(collapsed(readme).find(collapsed(bacula_catalog_sql::kBackupJobs)), std::string::npos);
 }
 
 }  // namespace

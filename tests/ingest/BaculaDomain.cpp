@@ -68,7 +68,8 @@ BaculaDomain::~BaculaDomain() {
 void BaculaDomain::write_configuration(const std::vector<std::string>& detector_databases) {
   const std::string work = folder_ + "/work";
   const std::string console_config = folder_ + "/bconsole.conf";
-  std::string hooks;
+  std::string hooks = "  RunScript { RunsWhen = Before; RunsOnClient = No; Command = \"/bin/sh -c \\\"test ! -e " +
+                      folder_ + "/fail\\\"\" }\n";
   for (const std::string& database : detector_databases) hooks += runscript(console_config, database);
   TempDir::write(folder_ + "/bacula-dir.conf",
                  "Director { Name = test-dir; DIRport = " + std::to_string(director_port_) +
@@ -89,9 +90,9 @@ void BaculaDomain::write_configuration(const std::vector<std::string>& detector_
                      "Storage { Name = disk; Address = 127.0.0.1; SDPort = " + std::to_string(storage_port_) +
                      "; Password = \"sd-pw\"; Device = disk-device; Media Type = File }\n"
                      "Catalog { Name = catalog; dbname = \"bacula\"; dbuser = \"\"; dbpassword = \"\" }\n"
-                     "Messages { Name = Standard; console = all, !skipped, !saved; append = \"" + work +
-                     "/log\" = all, !skipped; catalog = all }\n"
-                     "Messages { Name = Daemon; append = \"" + work + "/log\" = all, !skipped }\n"
+                     "Messages { Name = Standard; console = all, !skipped, !saved; append = \"" + log() +
+                     "\" = all, !skipped; catalog = all }\n"
+                     "Messages { Name = Daemon; append = \"" + log() + "\" = all, !skipped }\n"
                      "Pool { Name = Daily; Pool Type = Backup; Label Format = \"daily-\"; AutoPrune = no; "
                      "Recycle = no }\n");
   TempDir::write(folder_ + "/bacula-sd.conf",
@@ -116,6 +117,14 @@ void BaculaDomain::write_configuration(const std::vector<std::string>& detector_
 void BaculaDomain::create_catalog() {
   DBAccess db(catalog(), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
   db.execute_query(catalog_sql());
+}
+
+void BaculaDomain::fail_jobs(bool fail) {
+  if (fail) {
+    TempDir::write(folder_ + "/fail", "");
+  } else {
+    std::filesystem::remove(folder_ + "/fail");
+  }
 }
 
 void BaculaDomain::start_daemon(const std::string& program, const std::string& config) {
@@ -148,8 +157,14 @@ std::string BaculaDomain::console(const std::string& commands) {
   return bconsole.out();
 }
 
-std::string BaculaDomain::run_job(const std::string& level) {
-  return console("run job=files level=" + level + " yes\nwait\n");
+void BaculaDomain::run_job(const std::string& level, const std::function<bool()>& done) {
+  const std::string output = console("run job=files level=" + level + " yes\n");
+  if (output.find("Job queued") == std::string::npos) throw std::runtime_error("job not run: " + output);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("the job did not finish in a minute");
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
 }
 
 }  // namespace tsanomaly_test

@@ -3,10 +3,12 @@
 // File device and a file daemon, all on 127.0.0.1 at ports free when the
 // test starts, every folder inside the test's temporary folder, and one
 // backup job "files" of the folder data() whose RunScript is the shipped
-// hook, queuing each job into every database named at construction. The
+// hook, queuing each job into every database named at construction (and a
+// RunScript before it that fails the job on demand). The
 // daemons run in the foreground and are killed when the object goes away.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,11 +28,19 @@ class BaculaDomain {
 
   // Starts the three daemons and waits until the Director answers.
   void start();
-  // Runs the job at `level` (Full, Incremental) and waits until it and its
-  // RunScripts are done; the console's output.
-  std::string run_job(const std::string& level);
+  // Starts the job at `level` (Full, Incremental) and returns once done()
+  // holds (asked every 20 ms), which says the job and its RunScripts are
+  // over: sooner than bconsole's wait. Throws when the Director refuses the
+  // job or done() is still false after a minute.
+  void run_job(const std::string& level, const std::function<bool()>& done);
+
+  // While set, every job fails before it starts (its Before RunScript
+  // exits 1), so Bacula records it with status E and runs the hook anyway.
+  void fail_jobs(bool fail);
 
   std::string data() const { return folder_ + "/data"; }
+  // The Director's log of every job, the hook's output included.
+  std::string log() const { return folder_ + "/work/log"; }
   std::string catalog() const { return folder_ + "/work/bacula.db"; }
 
  private:
