@@ -7,7 +7,8 @@
 #                       and a whole detection pass against its SQL floor
 #                       (PASS_BENCH_ARGS, e.g. "--runs 9 --only medium"), and the
 #                       operator console at 100,000 anomalies and 7 million history
-#                       rows (CONSOLE_BENCH_ARGS, e.g. "--runs 5 --anomalies 20000")
+#                       rows (CONSOLE_BENCH_ARGS, e.g. "--runs 5 --anomalies 20000"),
+#                       and tsanomalyctl ingest of a 100,000-job jsonl history
 #   make soak           2000 detection passes in one process (memory and
 #                       descriptors every 100 passes), then 20 under valgrind
 #   make install        install the programs, schema, configuration and unit
@@ -51,6 +52,7 @@ bench: build
 	$(BUILD_DIR)/bench/dbscan_bench
 	$(BUILD_DIR)/bench/calibrate_bench
 	$(BUILD_DIR)/bench/pass_bench $(PASS_BENCH_ARGS)
+	$(BUILD_DIR)/bench/ingest_bench
 	$(BUILD_DIR)/bench/console_bench $(CONSOLE_BENCH_ARGS)
 
 soak: build

@@ -23,6 +23,8 @@ constexpr const char* kNone = "NA";
 constexpr const char* kScheduleType = "FULL";
 constexpr const char* kScheduleName = "default";
 
+bool plausible_time(std::int64_t time) { return time >= 0 && time <= kLatestTime; }
+
 bool printable_utf8(const std::string& text) {
   for (std::size_t i = 0; i < text.size();) {
     const auto byte = static_cast<unsigned char>(text[i]);
@@ -69,12 +71,14 @@ void complete_ingested_job(IngestedJob& job, const IngestOptions& options) {
   apply(job.schedule_name, options.schedule_name, kScheduleName);
   apply(job.storage, options.storage, kNone);
   apply(job.asset, options.asset, kNone);
-  // Out-of-range durations are refused by the check; they must not overflow here.
-  const auto seconds = std::isfinite(job.total_time_s) && std::fabs(job.total_time_s) <= kMaxSeconds
-                           ? static_cast<std::int64_t>(std::llround(job.total_time_s))
-                           : 0;
-  if (!job.end_time) job.end_time = job.start_time ? *job.start_time + seconds : options.default_end_time;
-  if (!job.start_time) job.start_time = *job.end_time - seconds;
+  // Times and durations out of range are refused by the check; they must
+  // not overflow here, so only plausible ones are added up.
+  const bool plausible_duration = std::isfinite(job.total_time_s) && std::fabs(job.total_time_s) <= kMaxSeconds;
+  const auto seconds = plausible_duration ? static_cast<std::int64_t>(std::llround(job.total_time_s)) : 0;
+  if (!job.end_time && (!job.start_time || plausible_time(*job.start_time))) {
+    job.end_time = job.start_time ? *job.start_time + seconds : options.default_end_time;
+  }
+  if (!job.start_time && job.end_time && plausible_time(*job.end_time)) job.start_time = *job.end_time - seconds;
 }
 
 std::string ingest_job_problem(const IngestedJob& job) {
@@ -89,8 +93,10 @@ std::string ingest_job_problem(const IngestedJob& job) {
        feature_problem("the duration", job.total_time_s, kMaxSeconds),
        feature_problem("the deduplication ratio", job.dedup_rate, kIngestDedupCap)});
   if (!problem.empty()) return problem;
+  for (const auto& time : {job.start_time, job.end_time}) {
+    if (time && !plausible_time(*time)) return "a time is outside the years 1970 to 9999";
+  }
   if (!job.start_time || !job.end_time) return "the job has no time";
-  if (*job.start_time < 0 || *job.end_time > kLatestTime) return "a time is outside the years 1970 to 9999";
   if (*job.start_time > *job.end_time) return "the job ends before it starts";
   return "";
 }

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
 #include <sstream>
 #include <string>
@@ -184,8 +185,13 @@ TEST_F(IngestRunTest, BadValuesAreSkippedAndNamed) {
   bad("", [](IngestedJob&) {});
   bad("ms", [](IngestedJob& j) { j.start_time = 1700000000000000; });
   bad("order", [](IngestedJob& j) { j.end_time = 10; });
+  bad("max", [](IngestedJob& j) { j.start_time = INT64_MAX; });
+  bad("min", [](IngestedJob& j) {
+    j.start_time.reset();
+    j.end_time = INT64_MIN;
+  });
   jobs.push_back(sample_job("good", 1000));
-  EXPECT_EQ(ingest(kStream, jobs), (std::vector<long long>{1, 0, 11}));
+  EXPECT_EQ(ingest(kStream, jobs), (std::vector<long long>{1, 0, 13}));
   const std::string text = errors.str();
   for (const char* expected : {"job neg: skipped: the file count is negative", "job nan: skipped: the size is not a finite",
                                "job huge: skipped: the data transferred is implausibly large",
@@ -193,7 +199,8 @@ TEST_F(IngestRunTest, BadValuesAreSkippedAndNamed) {
                                "job latin1: skipped: the client is not printable UTF-8",
                                "job ctrl: skipped: the policy is not printable", "job long: skipped: the asset is longer",
                                "skipped: the job id is empty", "job ms: skipped: a time is outside",
-                               "job order: skipped: the job ends before it starts"}) {
+                               "job order: skipped: the job ends before it starts",
+                               "job max: skipped: a time is outside", "job min: skipped: a time is outside"}) {
     EXPECT_NE(text.find(expected), std::string::npos) << expected << "\n" << text;
   }
   EXPECT_EQ(std::string(rows("SELECT COUNT(*) AS N FROM DATA_TO_PROCESS")[0].at("N")), "1");

@@ -1,6 +1,7 @@
 #include "ingest/JsonlFormat.h"
 
 #include <string>
+#include <utility>
 
 #include "ingest/BoundedLines.h"
 #include "ingest/JsonFields.h"
@@ -27,7 +28,9 @@ void read_features(JsonFields& fields, IngestedJob& job) {
   job.image_size_kb = fields.number("size_kb", true).value_or(0);
   job.kb_transferred = fields.number("transferred_kb", true).value_or(0);
   const auto seconds = fields.number("seconds", !(job.start_time && job.end_time));
-  job.total_time_s = seconds ? *seconds : job.start_time && job.end_time ? double(*job.end_time - *job.start_time) : 0;
+  // In doubles: hostile times near the integer limits must not overflow.
+  const bool timed = job.start_time && job.end_time;
+  job.total_time_s = seconds ? *seconds : timed ? double(*job.end_time) - double(*job.start_time) : 0;
   const auto ratio = fields.number("dedup_ratio", false);
   job.dedup_rate = ratio ? *ratio : ingest_dedup_ratio(job.image_size_kb * 1024, job.kb_transferred * 1024);
 }

@@ -131,3 +131,10 @@ TEST(JsonlFormat, EmptyInputReportsNothing) {
   EXPECT_TRUE(sink.jobs.empty());
   EXPECT_TRUE(sink.skips.empty());
 }
+
+TEST(JsonlFormat, TimesAtTheIntegerLimitsDoNotOverflow) {
+  const CollectedJobs sink = read(R"({"id": 1, "start": -9223372036854775808, "end": 9223372036854775807, )"
+                                  R"("files": 1, "size_kb": 1, "transferred_kb": 1})");
+  ASSERT_EQ(sink.jobs.size(), 1u);  // the core refuses the times
+  EXPECT_GT(sink.jobs[0].total_time_s, 1e18);
+}

@@ -1,7 +1,6 @@
 #include "ingest/ResticFormat.h"
 
 #include <cmath>
-#include <iterator>
 #include <string>
 
 #include "ingest/BoundedLines.h"

@@ -166,3 +166,16 @@ TEST(ResticFormat, EmptyInputReportsNothing) {
   EXPECT_TRUE(read("").skips.empty());
   EXPECT_TRUE(read("   \n").jobs.empty());
 }
+
+TEST(ResticFormat, NonUtf8IsSkippedLineByLineAndRefusedInAList) {
+  std::string latin1 = kSummary;
+  latin1.replace(latin1.find("33a5acb7"), 8, "33a5\xe9\xff");
+  const CollectedJobs stream = read(latin1 + "\n" + kSummary + "\n");
+  ASSERT_EQ(stream.jobs.size(), 1u);
+  ASSERT_EQ(stream.skips.size(), 1u);
+  EXPECT_NE(stream.skips[0].why.find("not restic's JSON"), std::string::npos);
+  const CollectedJobs list = read("[" + snapshot("eeeeeeee", "x", kSnapshotSummary).replace(30, 1, "\xff") + "]");
+  EXPECT_TRUE(list.jobs.empty());
+  ASSERT_EQ(list.skips.size(), 1u);
+  EXPECT_EQ(list.skips[0].where, "the snapshot list");
+}

@@ -130,3 +130,24 @@ TEST_F(IngestToolTest, UserWhoMayNotWriteIsToldWhoMay) {
   EXPECT_NE(run.err.find("tsanomaly-ingest"), std::string::npos) << run.err;
   EXPECT_EQ(count("DATA_TO_PROCESS"), "0");
 }
+
+TEST_F(IngestToolTest, NegativeOrHugeResticValuesAreSkipped) {
+  const std::string summary =
+      R"({"message_type":"summary","files_new":1,"files_changed":0,"files_unmodified":9,"data_added":DATA,)"
+      R"("total_bytes_processed":40960,"total_duration":2.5,"snapshot_id":"ID"})";
+  std::string text;
+  for (const auto& [id, data] : {std::pair{"aaaa0001", "-4096"}, std::pair{"aaaa0002", "1e300"},
+                                 std::pair{"aaaa0003", "4096"}}) {
+    std::string line = summary;
+    line.replace(line.find("DATA"), 4, data);
+    line.replace(line.find("ID"), 2, id);
+    text += line + "\n";
+  }
+  const Run run = ingest("restic", {write("restic.json", text)});
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.out, "1 jobs queued, 0 already queued, 2 skipped\n");
+  EXPECT_NE(run.err.find("job aaaa0001: skipped: the data transferred is negative"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("job aaaa0002: skipped: the data transferred is implausibly large"), std::string::npos)
+      << run.err;
+  EXPECT_EQ(column("SELECT UNIQUE_KEY FROM DATA_TO_PROCESS"), std::vector<std::string>{"restic:aaaa0003"});
+}

@@ -10,6 +10,8 @@ logs_existed=no
 [ -e /var/log/tsanomalydetect ] && logs_existed=yes
 user_existed=no
 getent passwd tsanomaly >/dev/null && user_existed=yes
+ingest_group_existed=no
+getent group tsanomaly-ingest >/dev/null && ingest_group_existed=yes
 fail() { echo "deb_install_test: FAIL: $*" >&2; exit 1; }
 check() { "$@" || fail "$*"; }
 
@@ -45,8 +47,9 @@ rules=/usr/share/tsanomalydetect/prometheus/tsanomalydetect.rules.yml
 check test -f "$rules"
 if command -v promtool >/dev/null; then promtool check rules "$rules" >/dev/null || fail "installed alerting rules"; fi
 
-# The service's own system user owns its data and log folders (0750) and
-# its database (0640); nothing of it is readable by other users.
+# The service's own system user owns its data and log folders and its
+# database; the data folder (2770, setgid) and the database (0660) belong to
+# the group of the queue's writers; nothing of it is readable by other users.
 owner_mode() { stat -c '%U:%G %a' "$1"; }
 getent passwd tsanomaly >/dev/null || fail "no system user tsanomaly"
 [ "$(id -u tsanomaly)" -lt 1000 ] || fail "tsanomaly is not a system user"
@@ -54,9 +57,25 @@ case "$(getent passwd tsanomaly | cut -d: -f7)" in
   */nologin|*/false) ;;
   *) fail "tsanomaly has a login shell" ;;
 esac
-check test "$(owner_mode /var/lib/tsanomalydetect)" = "tsanomaly:tsanomaly 750"
+getent group tsanomaly-ingest >/dev/null || fail "no group tsanomaly-ingest"
+check test "$(owner_mode /var/lib/tsanomalydetect)" = "tsanomaly:tsanomaly-ingest 2770"
 check test "$(owner_mode /var/log/tsanomalydetect)" = "tsanomaly:tsanomaly 750"
-check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsanomaly 640"
+check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsanomaly-ingest 660"
+# A member of the group queues a job; a user outside it is told who may.
+hook=/usr/share/tsanomalydetect/hooks/restic-backup
+check test -x "$hook"
+adduser --system --quiet --no-create-home --ingroup tsanomaly-ingest tsanomaly-hook-test
+job='{"id": "pkg-1", "files": 1, "size_kb": 1, "transferred_kb": 1, "seconds": 1}'
+echo "$job" | runuser -u tsanomaly-hook-test -- tsanomalyctl ingest /var/lib/tsanomalydetect/anomaly.db --format jsonl \
+  | grep -qx '1 jobs queued, 0 already queued, 0 skipped' || fail "a member of tsanomaly-ingest cannot queue a job"
+refusal=$(echo "$job" | runuser -u nobody -- tsanomalyctl ingest /var/lib/tsanomalydetect/anomaly.db --format jsonl 2>&1) \
+  && fail "a user outside tsanomaly-ingest queued a job"
+case "$refusal" in
+  *tsanomaly-ingest*) ;;
+  *) fail "a user outside tsanomaly-ingest is not told who may queue: $refusal" ;;
+esac
+deluser --quiet tsanomaly-hook-test >/dev/null 2>&1
+check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsanomaly-ingest 660"
 # An installed unit's sandbox as systemd rates it, within the CI limit.
 check_exposure() {
   command -v systemd-analyze >/dev/null || return 0
@@ -99,7 +118,7 @@ check_exposure "$console"
 chown root:root /var/lib/tsanomalydetect/anomaly.db
 chmod 0644 /var/lib/tsanomalydetect/anomaly.db
 dpkg -i "$deb" >/dev/null
-check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsanomaly 640"
+check test "$(owner_mode /var/lib/tsanomalydetect/anomaly.db)" = "tsanomaly:tsanomaly-ingest 660"
 
 # An administrator's edit survives removal; purge takes it away.
 echo '; edited by the administrator' >> /etc/tsanomalydetect/tsanomalydetect.ini
@@ -118,4 +137,5 @@ if [ "$user_existed" = no ]; then
   deluser --system --quiet tsanomaly >/dev/null 2>&1 || true
   delgroup --system --quiet tsanomaly >/dev/null 2>&1 || true
 fi
+if [ "$ingest_group_existed" = no ]; then delgroup --system --quiet tsanomaly-ingest >/dev/null 2>&1 || true; fi
 echo "deb_install_test: 1 passed, 0 failed"
