@@ -1,9 +1,9 @@
 #include "ingest/BaculaJob.h"
 
-#include <ctime>
 #include <optional>
 #include <stdexcept>
 
+#include "ingest/IsoTime.h"
 #include "util/Text.h"
 
 namespace {
@@ -54,36 +54,16 @@ long long count_field(const BaculaJob& job, const std::string& name, long long m
   return *value;
 }
 
-// "YYYY-MM-DD HH:MM:SS" as every catalog writes it, in the Director's local
-// time (strictly that shape, so that nothing else is half-read).
-std::optional<long long> local_time_text(const std::string& value) {
-  static const std::string shape = "dddd-dd-dd dd:dd:dd";
-  if (value.size() != shape.size()) return std::nullopt;
-  for (std::size_t i = 0; i < shape.size(); ++i) {
-    const bool digit = value[i] >= '0' && value[i] <= '9';
-    if (shape[i] == 'd' ? !digit : value[i] != shape[i]) return std::nullopt;
-  }
-  std::tm parts{};
-  parts.tm_year = std::stoi(value.substr(0, 4)) - 1900;
-  parts.tm_mon = std::stoi(value.substr(5, 2)) - 1;
-  parts.tm_mday = std::stoi(value.substr(8, 2));
-  parts.tm_hour = std::stoi(value.substr(11, 2));
-  parts.tm_min = std::stoi(value.substr(14, 2));
-  parts.tm_sec = std::stoi(value.substr(17, 2));
-  parts.tm_isdst = -1;
-  const int month = parts.tm_mon;
-  const std::time_t epoch = std::mktime(&parts);
-  if (epoch == static_cast<std::time_t>(-1) || parts.tm_mon != month) return std::nullopt;  // 2026-02-30
-  return static_cast<long long>(epoch);
-}
-
-// Epoch seconds, or the catalog's local time text.
+// Epoch seconds, or the catalog's "YYYY-MM-DD HH:MM:SS" in the Director's
+// local time.
 long long time_field(const BaculaJob& job, const std::string& name) {
   const std::string& value = field(job, name);
   auto epoch = text::whole_number(value, 0, kLastEpoch);
-  if (!epoch) epoch = local_time_text(value);
-  if (!epoch || *epoch < 0 || *epoch > kLastEpoch)
-    throw Rejected(name + " is neither epoch seconds nor a time \"YYYY-MM-DD HH:MM:SS\"");
+  if (!epoch) {
+    const auto seconds = iso_time_seconds(value);
+    if (seconds && *seconds >= 0 && *seconds <= static_cast<double>(kLastEpoch)) epoch = static_cast<long long>(*seconds);
+  }
+  if (!epoch) throw Rejected(name + " is neither epoch seconds nor a time \"YYYY-MM-DD HH:MM:SS\"");
   return *epoch;
 }
 

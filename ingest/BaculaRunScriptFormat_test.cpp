@@ -97,7 +97,7 @@ TEST(BaculaRunScriptFormat, NegativeHugeAndNonNumericCountsAreRefused) {
 TEST(BaculaRunScriptFormat, ImpossibleTimesAreRefused) {
   for (const auto& [from, to] : std::vector<std::pair<std::string, std::string>>{
            {"endtime=1795600042", "endtime=1795599999"},            // ends before it starts
-           {"starttime=1795600000", "starttime=2026-02-30 10:00:00"},  // no such day
+           {"starttime=1795600000", "starttime=2026-13-01 10:00:00"},  // no such month
            {"starttime=1795600000", "starttime=yesterday"},
            {"endtime=1795600042", "endtime=99999999999999"}}) {
     std::string line = hook_line();
