@@ -26,7 +26,8 @@ std::string format_names() {
 std::string formats_help() {
   std::string help = "formats:\n";
   for (const IngestFormat& format : ingest_formats()) {
-    help += "  " + std::string(format.name) + std::string(12 - std::string(format.name).size(), ' ') + format.help +
+    const std::size_t name_length = std::string(format.name).size();
+    help += "  " + std::string(format.name) + std::string(name_length < 16 ? 16 - name_length : 1, ' ') + format.help +
             (format.lists_past_jobs ? " (queued oldest first)" : "") + "\n";
   }
   return help;

@@ -2,6 +2,9 @@
 
 #include "ingest/BorgFormat.h"
 #include "ingest/DuplicityFormat.h"
+#include "ingest/BaculaCatalogFormat.h"
+#include "ingest/BaculaCsvFormat.h"
+#include "ingest/BaculaRunScriptFormat.h"
 #include "ingest/JsonlFormat.h"
 #include "ingest/ResticFormat.h"
 
@@ -14,6 +17,9 @@ const IngestFormat kFormats[] = {
     {"borg", read_borg, true, "borg create --json (one archive) or borg info --json (its archives), Borg 1.x or 2.x"},
     {"borgmatic", read_borgmatic, false, "borgmatic create --json: one archive per repository"},
     {"duplicity", read_duplicity, false, "duplicity's Backup Statistics block, after an IngestTarget line naming the target"},
+    {"bacula", read_bacula_runscript, false, "the line the bacula-runscript hook writes for a Bacula job"},
+    {"bacula-catalog", read_bacula_catalog, true, "a Bacula SQLite catalog file (bacula.db): every backup job"},
+    {"bacula-csv", read_bacula_csv, true, "the Bacula catalog query's CSV from psql --csv or mysql --batch"},
 };
 
 }  // namespace
