@@ -139,10 +139,10 @@ std::string dump(Json document, const std::string& type, const AlertMessage& mes
   document.set("type", Json::string(type));
   document.set("summary", Json::string(message.line));
   document.set("text", Json::string(message.text));
-  return document.dump({.compact = true, .real_precision = 15});
+  return document.dump({.compact = true, .real_precision = 15, .escape_separators = true});
 }
 
-std::string alertmanager_text(const Json& alert) { return alert.dump({.compact = true, .keep_order = true}); }
+std::string alertmanager_text(const Json& alert) { return alert.dump({.compact = true, .keep_order = true, .escape_separators = true}); }
 
 }  // namespace
 
