@@ -127,6 +127,8 @@ std::string result_sentence(const std::string& code) {
       {"acknowledge-already", "This anomaly was already acknowledged; nothing changed."},
       {"conflict", "Not changed: the anomaly already has the other verdict."},
       {"job-gone", "Not changed: the job is no longer in the detection queue, so no pass could learn it."},
+      {"foreign-code", "Not changed: the database carries a trigger or view on the detector's tables that its "
+                       "schema does not define; 'tsanomalyctl upgrade' lists them."},
   };
   for (const auto& [key, sentence] : kSentences) {
     if (code == key) return sentence;

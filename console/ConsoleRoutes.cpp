@@ -33,6 +33,7 @@ void ConsoleServer::Impl::verdict_form(const Request& req, Response& res) {
     case VerdictOutcome::already: code = action + "-already"; break;
     case VerdictOutcome::conflict: code = "conflict"; break;
     case VerdictOutcome::job_gone: code = "job-gone"; break;
+    case VerdictOutcome::foreign_code: code = "foreign-code"; break;
   }
   res.set_redirect(anomaly_path(id) + "?result=" + code, 303);
 }
@@ -44,7 +45,8 @@ void ConsoleServer::Impl::verdict_api(const Request& req, Response& res) {
   switch (outcome) {
     case VerdictOutcome::unknown: throw RequestError(404, "no anomaly '" + id + "'");
     case VerdictOutcome::conflict:
-    case VerdictOutcome::job_gone: throw RequestError(409, verdict_refusal(outcome));
+    case VerdictOutcome::job_gone:
+    case VerdictOutcome::foreign_code: throw RequestError(409, verdict_refusal(outcome));
     case VerdictOutcome::recorded:
     case VerdictOutcome::already: break;
   }
