@@ -11,6 +11,7 @@
 #include "platform/LocalTime.h"
 #include "platform/VisibleText.h"
 #include "contract/AnomalyPayload.h"
+#include "operator/AnomalyHandle.h"
 #include "util/Json.h"
 #include "util/Text.h"
 
@@ -157,7 +158,7 @@ std::string console_link(const std::string& console_url, const std::string& id) 
   if (console_url.empty()) return "";
   static const char* kHex = "0123456789ABCDEF";
   std::string link = console_url + "/anomalies/";
-  for (unsigned char c : id) {
+  for (unsigned char c : anomaly_handle::of(id)) {
     if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
       link += static_cast<char>(c);
     } else {
