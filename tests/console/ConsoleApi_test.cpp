@@ -391,3 +391,19 @@ TEST_F(ConsoleApiTest, EveryAnomalyIsReachableAndJudgeableWhateverItsIdHolds) {
   // A handle naming no anomaly is a plain not-found.
   EXPECT_EQ(client().Get("/api/v1/anomalies/~" + std::string(64, 'a'), bearer())->status, 404);
 }
+
+// A trigger planted on a detector table: the console writes no verdict and
+// says why, and the anomalies stay as they were.
+TEST_F(ConsoleApiTest, AVerdictIsRefusedWhileAForeignTriggerSitsOnADetectorTable) {
+  ASSERT_TRUE(start());
+  const std::vector<std::string> ids = anomaly_ids();
+  const long long anomalies = count("SELECT COUNT(*) AS N FROM ANOMALY_DATA");
+  DBAccess(db(), SQLITE_OPEN_READWRITE)
+      .execute_query("CREATE TRIGGER ERASE AFTER UPDATE ON ANOMALY_DATA BEGIN DELETE FROM ANOMALY_DATA; END");
+  auto res = client().Post("/api/v1/anomalies/" + ids[0] + "/acknowledge", bearer(), "", "text/plain");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 409);
+  EXPECT_NE(res->body.find("trigger or view on the detector's tables"), std::string::npos) << res->body;
+  EXPECT_EQ(count("SELECT COUNT(*) AS N FROM ANOMALY_DATA"), anomalies);
+  EXPECT_EQ(count("SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE ANOMALY_STATE = 1"), 0);
+}
