@@ -17,8 +17,10 @@ const std::string kFeedbackHelp =
     "false positive. At its next pass the detector adds the job to the history as\n"
     "a confirmed normal job, and later jobs like it are no longer reported.\n"
     "\n"
-    "Refused (exit 1) for an anomaly acknowledged as real, and for one whose job\n"
-    "has left the detection queue, since no pass could learn it any more.\n";
+    "Refused (exit 1) for an anomaly acknowledged as real, for one whose job\n"
+    "has left the detection queue, since no pass could learn it any more, and\n"
+    "while a trigger or view the detector's schema does not define sits on its\n"
+    "tables ('tsanomalyctl upgrade DB' lists them), since writing could run it.\n";
 
 int run_feedback(int argc, char** argv) {
   CommandArgs args(argc, argv, kFeedbackSyntax);

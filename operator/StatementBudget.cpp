@@ -31,7 +31,8 @@ int on_trace(unsigned event, void* context, void* subject, void* detail) {
     sqlite3_progress_handler(handle, 0, nullptr, nullptr);
     sqlite3_trace_v2(handle, 0, nullptr, nullptr);
     delete budget;
-  } else if (event == SQLITE_TRACE_STMT && std::strncmp(static_cast<const char*>(detail), "--", 2) != 0) {
+  } else if (event == SQLITE_TRACE_STMT && detail != nullptr &&
+             std::strncmp(static_cast<const char*>(detail), "--", 2) != 0) {
     budget->started = Clock::now();
   }
   return 0;
