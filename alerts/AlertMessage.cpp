@@ -11,6 +11,7 @@
 #include "platform/LocalTime.h"
 #include "platform/VisibleText.h"
 #include "contract/AnomalyPayload.h"
+#include "operator/AnomalyHandle.h"
 #include "util/Json.h"
 #include "util/Text.h"
 
@@ -139,10 +140,10 @@ std::string dump(Json document, const std::string& type, const AlertMessage& mes
   document.set("type", Json::string(type));
   document.set("summary", Json::string(message.line));
   document.set("text", Json::string(message.text));
-  return document.dump({.compact = true, .real_precision = 15});
+  return document.dump({.compact = true, .real_precision = 15, .escape_separators = true});
 }
 
-std::string alertmanager_text(const Json& alert) { return alert.dump({.compact = true, .keep_order = true}); }
+std::string alertmanager_text(const Json& alert) { return alert.dump({.compact = true, .keep_order = true, .escape_separators = true}); }
 
 }  // namespace
 
@@ -157,7 +158,7 @@ std::string console_link(const std::string& console_url, const std::string& id) 
   if (console_url.empty()) return "";
   static const char* kHex = "0123456789ABCDEF";
   std::string link = console_url + "/anomalies/";
-  for (unsigned char c : id) {
+  for (unsigned char c : anomaly_handle::of(id)) {
     if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
       link += static_cast<char>(c);
     } else {

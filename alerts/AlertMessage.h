@@ -61,5 +61,5 @@ struct AlertMessage {
   static AlertMessage resolved(const std::vector<std::string>& alerts, time_t now);
 };
 
-// "console_url/anomalies/<id percent-encoded>".
+// "console_url/anomalies/<the id's handle (operator/AnomalyHandle) percent-encoded>".
 std::string console_link(const std::string& console_url, const std::string& id);

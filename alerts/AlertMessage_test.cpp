@@ -8,6 +8,7 @@
 
 #include "tests/support/JsonChecks.h"
 #include "alerts/WebhookChannel.h"
+#include "operator/AnomalyHandle.h"
 
 namespace {
 
@@ -55,6 +56,12 @@ TEST(AlertMessage, HostileTextsCannotForgeLinesOrGrowWithoutBound) {
   EXPECT_EQ(message.line.find('\x1b'), std::string::npos);
   EXPECT_LT(message.line.size(), 600u);
   EXPECT_EQ(alert.link, "https://c.example/anomalies/a%20b%2Fc%3F");
+}
+
+TEST(AlertMessage, AnIdNoAddressCouldCarryIsLinkedByItsHandle) {
+  for (const std::string& id : {std::string("7\r\n_1000"), std::string(9000, '9') + "_1"}) {
+    EXPECT_EQ(console_link("https://c.example", id), "https://c.example/anomalies/" + anomaly_handle::digest_of(id));
+  }
 }
 
 TEST(AlertMessage, ADamagedPayloadStillGivesAnAlert) {

@@ -58,7 +58,7 @@ std::string WebhookChannel::body(WebhookFormat format, const AlertMessage& messa
   }
   Json document = Json::object();
   document.set("text", Json::string(slack_escaped(message.text)));
-  return document.dump({.compact = true});
+  return document.dump({.compact = true, .escape_separators = true});
 }
 
 SendResult WebhookChannel::send(const AlertMessage& message) {

@@ -85,7 +85,7 @@ void print_json_lines(const std::vector<AnomalyRecord>& records) {
     line.set("summary", Json::string(r.summary));
     line.set("score", Json::string(r.score));
     line.set("payload", Json::parsed_or_string(r.payload));
-    std::cout << line.dump({.compact = true, .keep_order = true}) << "\n";
+    std::cout << line.dump({.compact = true, .keep_order = true, .escape_separators = true}) << "\n";
   }
 }
 

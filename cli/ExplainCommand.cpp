@@ -182,7 +182,7 @@ void print_json(const Judgement& j) {
   if (!j.payload.empty()) {
     root.set("payload", Json::parsed_or_string(j.payload));
   }
-  std::cout << root.dump({.compact = true, .keep_order = true}) << "\n";
+  std::cout << root.dump({.compact = true, .keep_order = true, .escape_separators = true}) << "\n";
 }
 
 }  // namespace

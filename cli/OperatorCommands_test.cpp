@@ -315,3 +315,42 @@ TEST(TimeText, ParsesDatesAndDateTimesAndRejectsTheRest) {
   EXPECT_EQ(TimeText::parse_local(""), std::nullopt);
   EXPECT_EQ(local_time_text(1700000000), "2023-11-14 22:13:20");
 }
+
+// A trigger planted on a table a verdict writes: one that spins would hold
+// the write lock for ever, one that deletes would erase the detections. The
+// verdict is refused, by the command line and by every other tool, and the
+// trigger never runs.
+TEST_F(OperatorCommandsTest, NoVerdictIsWrittenWhileAForeignTriggerSitsOnADetectorTable) {
+  report("web01", 7, 1700000000, "k7");
+  queue("k7");
+  const struct {
+    const char* create;
+    const char* drop;
+  } planted[] = {
+      {"CREATE TRIGGER ERASE AFTER INSERT ON ANOMALY_DATA_FEEDBACK BEGIN DELETE FROM ANOMALY_DATA; END",
+       "DROP TRIGGER ERASE"},
+      {"CREATE TRIGGER SPIN AFTER UPDATE ON anomaly_data BEGIN SELECT count(*) FROM (WITH RECURSIVE n(i) AS "
+       "(SELECT 1 UNION ALL SELECT i + 1 FROM n) SELECT i FROM n); END",
+       "DROP TRIGGER SPIN"},
+      {"CREATE VIEW SHADOW AS SELECT * FROM ANOMALY_DATA", "DROP VIEW SHADOW"}};
+  for (const auto& code : planted) {
+    query(code.create);
+    const Outcome outcome = run(run_feedback, {db_path, "7_1000"});
+    EXPECT_EQ(outcome.exit_code, 1) << code.create;
+    EXPECT_NE(outcome.err.find(verdict_refusal(VerdictOutcome::foreign_code)), std::string::npos) << outcome.err;
+    EXPECT_EQ(give_verdict(db_path, "7_1000", Verdict::acknowledged), VerdictOutcome::foreign_code);
+    EXPECT_EQ(query("SELECT COUNT(*) AS n FROM ANOMALY_DATA")[0]["n"], 1);
+    EXPECT_EQ(query("SELECT COUNT(*) AS n FROM ANOMALY_DATA_FEEDBACK")[0]["n"], 0);
+    query(code.drop);
+  }
+  EXPECT_EQ(run(run_feedback, {db_path, "7_1000"}).exit_code, 0);
+  EXPECT_EQ(query("SELECT COUNT(*) AS n FROM ANOMALY_DATA_FEEDBACK")[0]["n"], 1);
+}
+
+// Code on a table the detector does not own is no reason to refuse.
+TEST_F(OperatorCommandsTest, ATriggerOnAnotherTableDoesNotStopAVerdict) {
+  report("web01", 7, 1700000000, "k7");
+  query("CREATE TABLE PRODUCT_NOTES(n TEXT)");
+  query("CREATE TRIGGER NOTE AFTER INSERT ON PRODUCT_NOTES BEGIN SELECT 1; END");
+  EXPECT_EQ(give_verdict(db_path, "7_1000", Verdict::acknowledged), VerdictOutcome::recorded);
+}

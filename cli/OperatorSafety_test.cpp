@@ -20,6 +20,7 @@
 #include "cli/AnomaliesCommand.h"
 #include "cli/InitCommand.h"
 #include "cli/ReportCommand.h"
+#include "cli/ServeCommand.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;
@@ -163,6 +164,46 @@ TEST_F(OperatorSafetyTest, ReportRefusesTheDatabasesWalShmAndJournalFiles) {
     EXPECT_FALSE(std::filesystem::exists(db_path + "-journal"));
   }
   EXPECT_EQ(run(run_report, {db_path, "-o", dir.file("report.html")}).exit_code, 0);
+}
+
+// Runs command with dir as the working folder, so relative paths resolve
+// there, and returns to the previous one.
+Outcome run_in(const std::string& dir, int (*command)(int, char**), std::vector<std::string> args) {
+  const std::filesystem::path previous = std::filesystem::current_path();
+  std::filesystem::current_path(dir);
+  Outcome outcome = run(command, std::move(args));
+  std::filesystem::current_path(previous);
+  return outcome;
+}
+
+TEST_F(OperatorSafetyTest, ReportRefusesACompanionFileHoweverEitherPathIsSpelled) {
+  std::filesystem::create_symlink(db_path, dir.file("link.db"));
+  const struct {
+    std::string database, output;
+  } cases[] = {{"anomaly.db", "anomaly.db-journal"},   {"./anomaly.db", "anomaly.db-journal"},
+               {"anomaly.db", "./anomaly.db-wal"},     {"link.db", "anomaly.db-journal"},
+               {"link.db", db_path + "-shm"},          {db_path, "anomaly.db-journal"},
+               {"../" + std::filesystem::path(dir.path()).filename().string() + "/anomaly.db", "anomaly.db-journal"}};
+  for (const auto& c : cases) {
+    const Outcome outcome = run_in(dir.path(), run_report, {c.database, "-o", c.output});
+    EXPECT_EQ(outcome.exit_code, 2) << c.database << " " << c.output;
+    EXPECT_NE(outcome.err.find("-o names the database's -"), std::string::npos) << outcome.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(db_path + "-journal"));
+  const Outcome itself = run_in(dir.path(), run_report, {"link.db", "-o", "anomaly.db"});
+  EXPECT_EQ(itself.exit_code, 2);
+  EXPECT_NE(itself.err.find("-o names the database itself"), std::string::npos) << itself.err;
+  EXPECT_EQ(run_in(dir.path(), run_report, {"anomaly.db", "-o", "anomaly.db-journal.html"}).exit_code, 0);
+}
+
+TEST_F(OperatorSafetyTest, ServeRefusesATokenFileThatIsACompanionFile) {
+  for (const std::string& token_file : {std::string("anomaly.db-journal"), db_path + "-wal", std::string("./anomaly.db")}) {
+    const Outcome outcome = run_in(dir.path(), run_serve, {"anomaly.db", "--token-file", token_file});
+    EXPECT_EQ(outcome.exit_code, 2) << token_file;
+    EXPECT_NE(outcome.err.find("--token-file names the database"), std::string::npos) << outcome.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(db_path + "-journal"));
+  EXPECT_FALSE(std::filesystem::exists(db_path + "-wal"));
 }
 
 TEST_F(OperatorSafetyTest, ReportModeIsAtMost0644UnderEveryUmask) {

@@ -1,17 +1,15 @@
 #include "cli/ReportCommand.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <ctime>
 #include <exception>
-#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "operator/AnomalyStore.h"
+#include "operator/DatabaseFiles.h"
 #include "cli/CommandArgs.h"
 #include "operator/ErrorText.h"
 #include "report/HtmlReport.h"
@@ -52,32 +50,6 @@ constexpr long long kDefaultDays = 180;
 
 int usage_error(const std::string& message) { return CommandArgs::usage_error("report", message); }
 
-bool same_file(const std::string& a, const std::string& b) {
-  struct stat sa {}, sb {};
-  return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
-}
-
-// The path with every link and "." or ".." in its existing part resolved,
-// so two spellings of one place compare equal even when the file itself does
-// not exist yet; "" when it cannot be resolved.
-std::string resolved(const std::string& path) {
-  std::error_code error;
-  const std::filesystem::path real = std::filesystem::weakly_canonical(path, error);
-  return error ? "" : real.string();
-}
-
-// Which of the database and the files SQLite keeps beside it output names
-// ("" for the database itself), or nothing: writing a page over any of them
-// would destroy or corrupt the database.
-std::optional<std::string> database_file_named(const std::string& database, const std::string& output) {
-  const std::string target = resolved(output);
-  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
-    const std::string companion = database + suffix;
-    if (same_file(companion, output) || (!target.empty() && resolved(companion) == target)) return suffix;
-  }
-  return std::nullopt;
-}
-
 }  // namespace
 
 int run_report(int argc, char** argv) {
@@ -89,9 +61,8 @@ int run_report(int argc, char** argv) {
   if (!output) return usage_error("missing -o FILE.html: where to write the page");
   if (output->empty()) return usage_error("-o needs a file name");
   const std::string& database = args.positional()[0];
-  if (const auto suffix = database_file_named(database, *output)) {
-    return usage_error(suffix->empty() ? "-o names the database itself; choose another file"
-                                       : "-o names the database's " + *suffix + " file; choose another file");
+  if (const auto suffix = database_files::named_by(database, *output)) {
+    return usage_error(database_files::refusal("-o", *suffix));
   }
 
   try {

@@ -126,6 +126,14 @@ TEST(HtmlReportEscape, BrokenUtf8AndControlCharactersBecomeReplacementCharacters
   EXPECT_EQ(html_escape("tab\there\nnew line"), "tab\there\nnew line");
 }
 
+TEST(HtmlReportEscape, BidiOverridesAndFormatCharactersBecomeVisibleCodePoints) {
+  // Raw, U+202E would show the client "srv-\u202egpj.exe" as "srv-exe.jpg".
+  EXPECT_EQ(html_escape("srv-\xE2\x80\xAEgpj.exe"), "srv-\\u202egpj.exe");
+  EXPECT_EQ(html_escape("\xE2\x81\xA7rtl\xE2\x81\xA9 \xE2\x80\x8Bhidden\xEF\xBB\xBF"),
+            "\\u2067rtl\\u2069 \\u200bhidden\\ufeff");
+  EXPECT_EQ(html_escape("one\xE2\x80\xA8two\xE2\x80\xA9"), "one\\u2028two\\u2029");
+}
+
 // ---------------------------------------------------------------------------
 // Chart geometry
 

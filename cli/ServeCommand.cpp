@@ -5,12 +5,14 @@
 
 #include <atomic>
 #include <ctime>
+#include <optional>
 #include <iostream>
 #include <string>
 #include <thread>
 
 #include "platform/VisibleText.h"
 #include "cli/CommandArgs.h"
+#include "operator/DatabaseFiles.h"
 #include "operator/ErrorText.h"
 #include "console/AccessToken.h"
 #include "console/ConsoleServer.h"
@@ -139,6 +141,9 @@ int run_serve(int argc, char** argv) {
   config.config_file = args.value("-config_file").value_or("");
   if (config.tls_cert.has_value() != config.tls_key.has_value()) {
     return usage_error("--tls-cert and --tls-key go together");
+  }
+  if (const auto suffix = token_file ? database_files::named_by(config.database, *token_file) : std::nullopt) {
+    return usage_error(database_files::refusal("--token-file", *suffix));
   }
   try {
     return serve(std::move(config), token_file.value_or(args.positional()[0] + ".console-token"));

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -10,6 +11,8 @@
 #include <vector>
 
 #include "contract/BusyTimeout.h"
+#include "platform/VisibleText.h"
+#include "schema/SchemaAudit.h"
 #include "schema/SchemaCatalogSql.h"
 #include "storage/DBAccess.h"
 #include "cli/CommandArgs.h"
@@ -110,6 +113,31 @@ void print_findings(const std::string& path, const std::vector<SchemaFinding>& f
   }
 }
 
+std::string described(const SchemaObject& object, bool on_detector_tables) {
+  std::string text = object.type + " " + visible_text(object.name);
+  if (object.type == "trigger") text += " on " + visible_text(object.table);
+  if (on_detector_tables) {
+    text += object.type == "trigger" ? ", a table of the detector" : ", which reads the detector's tables";
+    text += ": no tool writes a verdict while it is there";
+  }
+  return text;
+}
+
+// Code in the file the detector's schema does not define. Never removed
+// here (it may be the product's), but named, with what it blocks.
+void print_foreign_code(DBAccess& db) {
+  const std::vector<SchemaObject> unknown = unknown_schema_objects(db);
+  if (unknown.empty()) return;
+  const std::vector<SchemaObject> blocking = unknown_code_on_detector_tables(db);
+  const auto is_blocking = [&](const SchemaObject& object) {
+    return std::any_of(blocking.begin(), blocking.end(),
+                       [&](const SchemaObject& b) { return b.type == object.type && b.name == object.name; });
+  };
+  std::cout << "Triggers and views the detector's schema does not define (left as they are: drop the ones "
+               "nobody added on purpose):\n";
+  for (const SchemaObject& object : unknown) std::cout << "  - " << described(object, is_blocking(object)) << "\n";
+}
+
 bool any(const std::vector<SchemaFinding>& findings, Remedy remedy) {
   for (const SchemaFinding& finding : findings) {
     if (finding.remedy == remedy) return true;
@@ -122,6 +150,7 @@ int report(const std::string& path, int busy_timeout_ms) {
   db.set_busy_timeout(busy_timeout_ms);
   const auto findings = guarded(db, path, busy_timeout_ms, [&] { return SchemaDiff().compare(db, path); });
   print_findings(path, findings);
+  guarded(db, path, busy_timeout_ms, [&] { print_foreign_code(db); });
   if (any(findings, Remedy::create) || any(findings, Remedy::switch_to_wal)) {
     const Remedy remedy = any(findings, Remedy::switch_to_wal) ? Remedy::switch_to_wal : Remedy::create;
     std::cout << "Nothing was changed. To add what is missing, run: " << upgrade_command(path, remedy) << "\n";
@@ -183,6 +212,7 @@ int apply(const std::string& path, int busy_timeout_ms, bool wal) {
   for (const SchemaFinding& finding : findings) {
     if (finding.remedy == Remedy::create) std::cout << "Created " << finding.object << ".\n";
   }
+  guarded(db, path, busy_timeout_ms, [&] { print_foreign_code(db); });
   if (any(findings, Remedy::switch_to_wal)) {
     if (!wal) {
       std::cout << "The journal mode stays as it is: add --wal to switch it to WAL; " << kOneHostRule << ".\n";

@@ -1,6 +1,5 @@
 #include "config/Configuration.h"
 
-#include <ace/Configuration_Import_Export.h>
 #include <sys/stat.h>
 
 #include <sstream>
@@ -10,10 +9,9 @@
 
 namespace {
 
-constexpr size_t kSectionMapSize = 16;
 // The importer's answer for a file it could not read at all; only this one
-// makes lookups ignore the heap, a partial import is still used.
-constexpr int32_t kImportFailed = -1;
+// makes lookups ignore what was read, a partial import is still used.
+constexpr int32_t kImportFailed = IniFile::kUnreadable;
 constexpr char kListSeparator = ',';
 
 // Items go in exactly as written between separators, so "a, b" keeps the
@@ -31,8 +29,6 @@ void split(std::set<std::string>& out, const std::string& s, char separator) {
 void add_lowered_items(std::set<std::string>& out, const std::string& value) {
   split(out, text::to_lower(value), kListSeparator);
 }
-
-std::string to_string(const ACE_TString& s) { return std::string(s.c_str(), s.length()); }
 
 // The table is wider than what the detector reads: the keys that other parts
 // of the product use keep their defaults here too.
@@ -60,22 +56,16 @@ bool is_regular_file(const std::string& path) {
   return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-int32_t import_file(ACE_Configuration_Heap& config, const std::string& path) {
-  // A heap that could not be opened must never be looked into; reporting it
-  // like an unreadable file sends every lookup to the defaults.
-  if (config.open(kSectionMapSize) != 0 || !is_regular_file(path)) {
-    return kImportFailed;
-  }
-  ACE_Ini_ImpExp importer(config);
-  return importer.import_config(path.c_str());
-}
+// A FIFO or device is not even opened: it reads as a file that cannot be.
+std::string readable_path(const std::string& path) { return is_regular_file(path) ? path : std::string(); }
 
 }  // namespace
 
 Configuration::Configuration(const std::string& config_file, int32_t config_type)
     : config_file(config_file),
       defaults(defaults_for(config_type)),
-      import_status(import_file(config, config_file)) {}
+      file(readable_path(config_file)),
+      import_status(file.import_status()) {}
 
 std::string Configuration::get_config(const std::string& section, const std::string& key) const {
   std::string value;
@@ -95,39 +85,19 @@ void Configuration::get_config_multiple_values(const std::string& section, const
 
 void Configuration::get_config_dynamic_keys_multiple_values(
     const std::string& section, std::map<std::string, std::set<std::string>>& entries) const {
-  ACE_Configuration_Section_Key key;
-  if (!open_section(section, key)) {
-    return;
-  }
-  ACE_TString name;
-  ACE_Configuration::VALUETYPE type;
-  // enumerate_values answers 1 past the last entry and -1 on error; both end
-  // the walk, and so does an entry that cannot be read as a string.
-  for (int index = 0; config.enumerate_values(key, index, name, type) == 0; ++index) {
-    ACE_TString value;
-    if (config.get_string_value(key, name.c_str(), value) != 0) {
-      return;
-    }
+  if (import_status == kImportFailed) return;
+  file.visit_section(section, [&](const std::string& name, const std::string& value) {
     std::set<std::string> items;
-    add_lowered_items(items, to_string(value));
-    entries[text::to_lower(to_string(name))] = std::move(items);
-  }
-}
-
-bool Configuration::open_section(const std::string& section, ACE_Configuration_Section_Key& key) const {
-  if (import_status == kImportFailed) {
-    return false;
-  }
-  return config.open_section(config.root_section(), section.c_str(), false, key) == 0;
+    add_lowered_items(items, value);
+    entries[text::to_lower(name)] = std::move(items);
+  });
 }
 
 bool Configuration::read_value(const std::string& section, const std::string& key, std::string& value) const {
-  ACE_Configuration_Section_Key section_key;
-  ACE_TString stored;
-  if (!open_section(section, section_key) || config.get_string_value(section_key, key.c_str(), stored) != 0) {
-    return false;
-  }
-  value = to_string(stored);
+  if (import_status == kImportFailed) return false;
+  auto stored = file.value(section, key);
+  if (!stored) return false;
+  value = std::move(*stored);
   return true;
 }
 

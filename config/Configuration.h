@@ -1,15 +1,15 @@
-// Configuration: the detector's settings, read once from an INI file through
-// ACE's heap configuration and INI importer. It never throws: a file that
-// cannot be read, or a missing section or key, answers from the built-in
-// defaults of the config type, or with nothing.
+// Configuration: the detector's settings, read once from an INI file the way
+// ACE's heap configuration and INI importer read it (config/IniFile). It
+// never throws: a file that cannot be read, or a missing section or key,
+// answers from the built-in defaults of the config type, or with nothing.
 #pragma once
-
-#include <ace/Configuration.h>
 
 #include <cstdint>
 #include <map>
 #include <set>
 #include <string>
+
+#include "config/IniFile.h"
 
 class Configuration {
  public:
@@ -33,20 +33,17 @@ class Configuration {
   void get_config_dynamic_keys_multiple_values(
       const std::string& section, std::map<std::string, std::set<std::string>>& entries) const;
 
-  // What ACE's importer returned: 0 when the whole file was read, -1 when it
+  // What ACE's importer returned (IniFile keeps its answers): 0 when the whole file was read, -1 when it
   // could not be read at all; other negative values mean it stopped at a line
   // it could not take, keeping everything read before that line.
   int32_t get_import_status() const { return import_status; }
 
  private:
-  bool open_section(const std::string& section, ACE_Configuration_Section_Key& key) const;
   bool read_value(const std::string& section, const std::string& key, std::string& value) const;
   std::string default_value(const std::string& section, const std::string& key) const;
 
   std::string config_file;
-  // ACE's lookup calls are not const although they only read; mutable keeps
-  // the lookups const for callers.
-  mutable ACE_Configuration_Heap config;
   std::map<std::string, std::string> defaults;
+  IniFile file;
   int32_t import_status;
 };

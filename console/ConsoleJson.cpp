@@ -12,7 +12,7 @@
 namespace console_json {
 namespace {
 
-std::string dump(const Json& root) { return root.dump({.compact = true, .keep_order = true}); }
+std::string dump(const Json& root) { return root.dump({.compact = true, .keep_order = true, .escape_separators = true}); }
 
 void set_time(Json& object, time_t t) {
   object.set("detection_time", Json::string(local_time_text(t)));

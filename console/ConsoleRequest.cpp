@@ -113,7 +113,10 @@ ListQuery list_query(const Request& req, console_pages::FilterForm& form) {
 // Where a sign-in through ?token= lands: the page asked for, spelled anew,
 // so no decoded path ("//other.site") can redirect elsewhere.
 std::string signed_in_target(const std::string& path) {
-  if (path.rfind(kAnomalyPathPrefix, 0) == 0) return anomaly_path(path.substr(kAnomalyPathPrefix.size()));
+  // The path holds the anomaly's handle already: it is only encoded again.
+  if (path.rfind(kAnomalyPathPrefix, 0) == 0) {
+    return std::string(kAnomalyPathPrefix) + percent_encode(path.substr(kAnomalyPathPrefix.size()));
+  }
   return path == "/status" ? "/status" : "/";
 }
 
@@ -127,6 +130,8 @@ std::string result_sentence(const std::string& code) {
       {"acknowledge-already", "This anomaly was already acknowledged; nothing changed."},
       {"conflict", "Not changed: the anomaly already has the other verdict."},
       {"job-gone", "Not changed: the job is no longer in the detection queue, so no pass could learn it."},
+      {"foreign-code", "Not changed: the database carries a trigger or view on the detector's tables that its "
+                       "schema does not define; 'tsanomalyctl upgrade' lists them."},
   };
   for (const auto& [key, sentence] : kSentences) {
     if (code == key) return sentence;

@@ -2,6 +2,7 @@
 // actions; every request reaches them only through the admission checks.
 #include <ctime>
 #include <regex>
+#include <string>
 #include <vector>
 
 #include "console/ConsoleJson.h"
@@ -17,13 +18,24 @@ using httplib::Response;
 using namespace console_request;
 using namespace console_server;
 
+namespace {
+
+// The id the address names by its handle; a handle naming no anomaly stays
+// as it is, for the handlers' own not-found answers.
+std::string id_in_path(const ConsoleStore& store, const Request& req) {
+  const std::string handle = req.matches[1];
+  return store.id_of_handle(handle).value_or(handle);
+}
+
+}  // namespace
+
 VerdictOutcome ConsoleServer::Impl::apply(const std::string& id, const std::string& action) {
   return action == "false-positive" ? store.report_false_positive(id) : store.acknowledge(id);
 }
 
 void ConsoleServer::Impl::verdict_form(const Request& req, Response& res) {
   require_csrf(req);
-  const std::string id = req.matches[1];
+  const std::string id = id_in_path(store, req);
   const std::string action = req.matches[2];
   const VerdictOutcome outcome = apply(id, action);
   std::string code;
@@ -33,18 +45,20 @@ void ConsoleServer::Impl::verdict_form(const Request& req, Response& res) {
     case VerdictOutcome::already: code = action + "-already"; break;
     case VerdictOutcome::conflict: code = "conflict"; break;
     case VerdictOutcome::job_gone: code = "job-gone"; break;
+    case VerdictOutcome::foreign_code: code = "foreign-code"; break;
   }
   res.set_redirect(anomaly_path(id) + "?result=" + code, 303);
 }
 
 void ConsoleServer::Impl::verdict_api(const Request& req, Response& res) {
   require_csrf(req);
-  const std::string id = req.matches[1];
+  const std::string id = id_in_path(store, req);
   const VerdictOutcome outcome = apply(id, req.matches[2]);
   switch (outcome) {
     case VerdictOutcome::unknown: throw RequestError(404, "no anomaly '" + id + "'");
     case VerdictOutcome::conflict:
-    case VerdictOutcome::job_gone: throw RequestError(409, verdict_refusal(outcome));
+    case VerdictOutcome::job_gone:
+    case VerdictOutcome::foreign_code: throw RequestError(409, verdict_refusal(outcome));
     case VerdictOutcome::recorded:
     case VerdictOutcome::already: break;
   }
@@ -132,7 +146,7 @@ void ConsoleServer::Impl::status_page(const Request&, Response& res) {
 }
 
 void ConsoleServer::Impl::anomaly_page(const Request& req, Response& res) {
-  const auto detail = store.detail(req.matches[1], kChartDays);
+  const auto detail = store.detail(id_in_path(store, req), kChartDays);
   if (!detail) throw RequestError(404, "There is no anomaly with this id.");
   const auto csrf = sessions.csrf_of(cookie(req, kSessionCookie));
   res.set_content(console_pages::anomaly_page(*detail, csrf.value_or(""),
@@ -150,8 +164,9 @@ void ConsoleServer::Impl::api_anomaly_list(const Request& req, Response& res) {
 }
 
 void ConsoleServer::Impl::api_anomaly(const Request& req, Response& res) {
-  const auto detail = store.detail(req.matches[1], kChartDays);
-  if (!detail) throw RequestError(404, "no anomaly '" + std::string(req.matches[1]) + "'");
+  const std::string id = id_in_path(store, req);
+  const auto detail = store.detail(id, kChartDays);
+  if (!detail) throw RequestError(404, "no anomaly '" + id + "'");
   res.set_content(console_json::anomaly(*detail), "application/json");
 }
 

@@ -6,6 +6,7 @@
 #include <limits>
 #include <variant>
 
+#include "operator/AnomalyHandle.h"
 #include "schema/ConsoleSql.h"
 #include "storage/Statement.h"
 #include "util/Text.h"
@@ -73,6 +74,11 @@ ListTotals ConsoleStore::totals(const ListQuery& query, time_t now) const {
     totals = {integer(cursor.text(0)), integer(cursor.text(1)), integer(cursor.text(2)), integer(cursor.text(3))};
   });
   return totals;
+}
+
+std::optional<std::string> ConsoleStore::id_of_handle(const std::string& handle) const {
+  if (!anomaly_handle::is_digest(handle)) return handle;
+  return AnomalyStore(path_).id_of_handle(handle);
 }
 
 std::optional<AnomalyDetail> ConsoleStore::detail(const std::string& id, int days) const {

@@ -55,6 +55,8 @@ class ConsoleStore {
   ListTotals totals(const ListQuery& query, time_t now) const;
   // With days, the workload history of that many days before the job.
   std::optional<AnomalyDetail> detail(const std::string& id, int days) const;
+  // The id an address names by its handle (see AnomalyStore::id_of_handle).
+  std::optional<std::string> id_of_handle(const std::string& handle) const;
   // Every figure but the history's two, which history_counts() gives.
   StatusFigures status() const;
   // The history's rows and distinct workloads: a pass over the whole table.

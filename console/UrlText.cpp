@@ -1,5 +1,7 @@
 #include "console/UrlText.h"
 
+#include "operator/AnomalyHandle.h"
+
 namespace {
 // Letters and digits of ASCII only, whatever the locale.
 bool unreserved(unsigned char c) {
@@ -25,4 +27,6 @@ std::string percent_encode(std::string_view text) {
   return out;
 }
 
-std::string anomaly_path(std::string_view id) { return std::string(kAnomalyPathPrefix) + percent_encode(id); }
+std::string anomaly_path(std::string_view id) {
+  return std::string(kAnomalyPathPrefix) + percent_encode(anomaly_handle::of(id));
+}

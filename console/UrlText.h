@@ -1,7 +1,7 @@
 // UrlText: text made safe for a URL path segment or query value, and the
 // console's one spelling of an anomaly's address. Other programs (alert
-// messages) link to CONSOLE_URL + kAnomalyPathPrefix + id, so the prefix is
-// part of the console's interface.
+// messages) link to CONSOLE_URL + kAnomalyPathPrefix + the id's handle, so
+// the prefix is part of the console's interface.
 #pragma once
 
 #include <string>
@@ -12,5 +12,6 @@ inline constexpr std::string_view kAnomalyPathPrefix = "/anomalies/";
 // Every byte but the unreserved ones (letters, digits, "-._~") as %XX.
 std::string percent_encode(std::string_view text);
 
-// "/anomalies/<id, percent-encoded>".
+// "/anomalies/<the id's handle (operator/AnomalyHandle), percent-encoded>":
+// bounded and routable whatever the id holds.
 std::string anomaly_path(std::string_view id);

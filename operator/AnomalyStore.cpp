@@ -9,11 +9,14 @@
 
 #include "contract/AnomalyPayload.h"
 #include "contract/PayloadMembers.h"
+#include "operator/AnomalyHandle.h"
 #include "operator/DetectorDatabase.h"
+#include "schema/ConsoleSql.h"
 #include "storage/Statement.h"
 #include "util/Text.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::RecordCursor;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
@@ -48,6 +51,17 @@ HistoryPoint to_point(Row& row) {
   point.backup_time = static_cast<int>(row["BACKUP_TIME"]);
   for (const FeatureInfo& info : kFeatures) point.features[info.feature] = row[info.column];
   return point;
+}
+
+// The handle's digest of a value, as the text the store reads ids as.
+void id_digest(sqlite3_context* context, int, sqlite3_value** arguments) {
+  const auto* text = reinterpret_cast<const char*>(sqlite3_value_text(arguments[0]));
+  if (text == nullptr) {
+    sqlite3_result_null(context);
+    return;
+  }
+  const std::string digest = anomaly_handle::digest_of(text);
+  sqlite3_result_text(context, digest.c_str(), static_cast<int>(digest.size()), SQLITE_TRANSIENT);
 }
 
 }  // namespace
@@ -105,6 +119,17 @@ std::optional<AnomalyRecord> AnomalyStore::find(const std::string& id) const {
   db_->read_data_prepared(st, rows);
   if (rows.empty()) return std::nullopt;
   return to_record(rows[0]);
+}
+
+std::optional<std::string> AnomalyStore::id_of_handle(const std::string& handle) const {
+  if (!anomaly_handle::is_digest(handle)) return handle;
+  sqlite3_create_function(db_->handle, console_sql::kDigestFunction, 1,
+                          SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_DIRECTONLY, nullptr, id_digest, nullptr, nullptr);
+  Statement st(db_->handle, console_sql::kIdByDigest);
+  st.bind(1, handle);
+  std::optional<std::string> id;
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) { id = cursor.text(0); });
+  return id;
 }
 
 WorkloadHistory AnomalyStore::history_of(const AnomalyRecord& anomaly, std::optional<int> days) const {

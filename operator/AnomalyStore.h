@@ -67,6 +67,10 @@ class AnomalyStore {
   // held, so a summary of thousands of large payloads stays small.
   std::vector<AnomalyRecord> summaries() const;
   std::optional<AnomalyRecord> find(const std::string& id) const;
+  // The id an anomaly handle from a URL names (operator/AnomalyHandle): the
+  // handle itself, or the id of the anomaly whose digest it is (none when
+  // no anomaly has it). A digest is looked for over every anomaly.
+  std::optional<std::string> id_of_handle(const std::string& handle) const;
   // The queued job an anomaly was reported for and the history of its
   // workload (same client, policy, schedule, application, storage, asset);
   // with days, only the history of that many days before the job.

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "contract/BusyTimeout.h"
+#include "operator/StatementBudget.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
@@ -18,6 +19,7 @@ detector_database::Connection open_checked(const std::string& path, int flags) {
   }
   auto db = std::make_unique<DBAccess>(path, flags);
   db->set_busy_timeout(kBusyTimeoutMs);
+  statement_budget::apply(db->handle);
   Rows tables;
   try {
     db->read_data("SELECT name FROM sqlite_master WHERE type = 'table' AND name = 'ANOMALY_DATA'", tables);

@@ -7,6 +7,7 @@
 #include "operator/AnomalyState.h"
 #include "operator/DetectorDatabase.h"
 #include "schema/ConsoleSql.h"
+#include "schema/SchemaAudit.h"
 #include "storage/Statement.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::RecordCursor;
@@ -43,6 +44,7 @@ class VerdictTransaction {
     });
     return found;
   }
+  bool foreign_code_present() { return !unknown_code_on_detector_tables(*db_).empty(); }
   bool job_queued(const std::string& key) {
     Statement st(db_->handle, console_sql::kJobQueued);
     st.bind(1, key);
@@ -73,6 +75,8 @@ Verdict verdict_of(AnomalyState state) {
 
 VerdictOutcome give_verdict(const std::string& database_path, const std::string& anomaly_id, Verdict verdict) {
   VerdictTransaction transaction(database_path);
+  // Checked under the write lock, so no trigger can be added before the write.
+  if (transaction.foreign_code_present()) return VerdictOutcome::foreign_code;
   const auto found = transaction.state_of(anomaly_id);
   if (!found) return VerdictOutcome::unknown;
   if (found->first != AnomalyState::open) {
@@ -89,6 +93,10 @@ std::string verdict_refusal(VerdictOutcome outcome) {
       return "the anomaly already has the other verdict";
     case VerdictOutcome::job_gone:
       return "the job is no longer in the detection queue, so no pass could learn it";
+    case VerdictOutcome::foreign_code:
+      return "the database carries a trigger or view on the detector's tables that its schema does not define, "
+             "which writing could run; 'tsanomalyctl upgrade DB' lists them, and nothing is written until they "
+             "are removed";
     case VerdictOutcome::recorded:
     case VerdictOutcome::already:
     case VerdictOutcome::unknown:

@@ -4,7 +4,9 @@
 // nothing, the other one is refused; a false positive also needs its job
 // still queued, where the next pass looks for it. The state is read and the
 // verdict written in one BEGIN IMMEDIATE transaction, so no pass changes the
-// state in between. Storage failures are thrown (std::runtime_error for a
+// state in between. Nothing is written while a trigger or view the
+// detector's schema does not define sits on its tables (SchemaAudit): the
+// write could run it. Storage failures are thrown (std::runtime_error for a
 // file that is not a detector database, sqlite_exception otherwise).
 #pragma once
 
@@ -21,10 +23,11 @@ enum class VerdictOutcome {
   unknown,   // no such anomaly
   conflict,  // the anomaly has the other verdict
   job_gone,  // false positive refused: the job left the queue, no pass could learn it
+  foreign_code,  // refused: a trigger or view the detector did not ship sits on its tables
 };
 
 VerdictOutcome give_verdict(const std::string& database_path, const std::string& anomaly_id, Verdict verdict);
 
-// Why a verdict was refused (conflict, job_gone), in the words every tool
+// Why a verdict was refused (conflict, job_gone, foreign_code), in the words every tool
 // gives the operator; "" for the other outcomes.
 std::string verdict_refusal(VerdictOutcome outcome);

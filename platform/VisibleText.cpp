@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "util/FormatCharacter.h"
 #include "util/Text.h"
 
 namespace {
@@ -21,6 +22,15 @@ bool printable_ascii(std::string_view text) {
     const auto byte = static_cast<unsigned char>(c);
     return byte >= 0x20 && byte < 0x7F;
   });
+}
+
+// A format character or separator is shown by its code point, as \u202e:
+// raw, it would reorder, hide or break the text around it.
+bool append_if_format_character(std::string& out, std::string_view text, std::size_t i) {
+  const auto c = text::code_point_at(text, i);
+  if (!c || !text::is_format_character(*c)) return false;
+  out += text::code_point_escape(*c);
+  return true;
 }
 
 void append_escape(std::string& out, unsigned char c) {
@@ -48,10 +58,10 @@ std::string visible_text(std::string_view text) {
                                    : length > 1 && !(length == 2 && is_c1_control(text, i));
     // A rejected sequence is escaped byte by byte, so nothing of it is lost.
     const std::size_t taken = std::max<std::size_t>(length, 1);
-    if (shown) {
-      out.append(text.substr(i, taken));
-    } else {
+    if (!shown) {
       for (std::size_t k = 0; k < taken; ++k) append_escape(out, static_cast<unsigned char>(text[i + k]));
+    } else if (length == 1 || !append_if_format_character(out, text, i)) {
+      out.append(text.substr(i, taken));
     }
     i += taken;
   }

@@ -38,3 +38,16 @@ TEST(ValidUtf8, InvalidBytesBecomeReplacementCharactersAndTheRestIsKept) {
   EXPECT_EQ(text::as_utf8("Kundé\n"), "Kundé\n");
   EXPECT_EQ(text::as_utf8("\xff\xfe"), "\xEF\xBF\xBD\xEF\xBF\xBD");
 }
+
+TEST(VisibleText, BidiOverridesAndOtherFormatCharactersBecomeCodePointEscapes) {
+  // U+202E would show "client-gpj.exe" as "client-exe.jpg".
+  EXPECT_EQ(visible_text("client-\xe2\x80\xae" "gpj.exe"), "client-\\u202egpj.exe");
+  EXPECT_EQ(visible_text("\xe2\x81\xa6isolated\xe2\x81\xa9"), "\\u2066isolated\\u2069");
+  EXPECT_EQ(visible_text("zero\xe2\x80\x8bwidth\xef\xbb\xbf"), "zero\\u200bwidth\\ufeff");
+  EXPECT_EQ(visible_text("arabic\xd8\x9cmark"), "arabic\\u061cmark");
+  EXPECT_EQ(visible_text("tag\xf3\xa0\x80\x81"), "tag\\U000e0001");
+}
+
+TEST(VisibleText, LineAndParagraphSeparatorsKeepOneMessageOnOneLine) {
+  EXPECT_EQ(visible_text("line\xe2\x80\xa8" "forged entry\xe2\x80\xa9"), "line\\u2028forged entry\\u2029");
+}

@@ -1,5 +1,7 @@
 #include "report/HtmlEscape.h"
 
+
+#include "util/FormatCharacter.h"
 #include "util/Text.h"
 
 namespace {
@@ -37,14 +39,21 @@ std::string html_escape(std::string_view text) {
       ++i;
       continue;
     }
-    // A well-formed sequence passes unchanged; anything else becomes one
-    // replacement character per offending byte.
+    // A well-formed sequence passes unchanged but for the format characters;
+    // anything else becomes one replacement character per offending byte.
     const std::size_t length = text::utf8_sequence_length(text, i);
     if (length == 0) {
       out += text::kReplacementCharacter;
       ++i;
     } else {
-      out.append(text.substr(i, length));
+      // A format character or separator (an override could show a client's
+      // name reversed) is shown by its code point, as the terminal shows it.
+      const auto code_point = text::code_point_at(text, i);
+      if (code_point && text::is_format_character(*code_point)) {
+        out += text::code_point_escape(*code_point);
+      } else {
+        out.append(text.substr(i, length));
+      }
       i += length;
     }
   }

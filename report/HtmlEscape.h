@@ -6,5 +6,6 @@
 #include <string_view>
 
 // Markup characters become entities; control characters (other than tab
-// and line breaks) and bytes that are not UTF-8 become U+FFFD.
+// and line breaks) and bytes that are not UTF-8 become U+FFFD; Unicode format
+// characters and line/paragraph separators become their code point (\u202e).
 std::string html_escape(std::string_view text);

@@ -98,6 +98,13 @@ inline const std::string kStateById =
     "SELECT " + state_of("a") + " AS STATE, a.DETECTION_KEY AS DETECTION_KEY FROM ANOMALY_DATA a "
     "WHERE a.ANOMALY_UNIQUE_ID = ?1";
 
+// The id whose digest handle (operator/AnomalyHandle) is ?1. The function is
+// the tools' own, registered on their connection for direct use only: no
+// trigger or view can call it.
+inline constexpr const char* kDigestFunction = "TSANOMALY_ID_DIGEST";
+inline const std::string kIdByDigest = std::string("SELECT ANOMALY_UNIQUE_ID FROM ANOMALY_DATA WHERE ") +
+                                       kDigestFunction + "(ANOMALY_UNIQUE_ID) = ?1 LIMIT 1";
+
 // Whether the reported job is still queued: the next pass can only learn a
 // false positive whose job it finds there.
 inline constexpr const char* kJobQueued = "SELECT COUNT(*) AS N FROM DATA_TO_PROCESS WHERE UNIQUE_KEY = ?1";

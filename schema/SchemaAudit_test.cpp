@@ -47,6 +47,28 @@ TEST_F(SchemaAuditTest, AShippedTriggerWithAnotherBodyIsUnknown) {
             (std::vector<std::string>{"trigger HIST_DATA_TAKES_JOB_OFF_QUEUE"}));
 }
 
+TEST_F(SchemaAuditTest, TheShippedSchemaHasNoCodeOnItsTables) {
+  EXPECT_TRUE(unknown_code_on_detector_tables(db).empty());
+}
+
+TEST_F(SchemaAuditTest, ForeignTriggersOnDetectorTablesAndViewsReadingThemAreFound) {
+  db.execute_query("CREATE TABLE PRODUCT_NOTES(n TEXT);"
+                   "CREATE TRIGGER ON_NOTES AFTER INSERT ON PRODUCT_NOTES BEGIN SELECT 1; END;"
+                   "CREATE VIEW CONSTANT AS SELECT 1 AS one;"
+                   "CREATE VIEW NOTES_VIEW AS SELECT n FROM PRODUCT_NOTES;"
+                   "CREATE TRIGGER ERASE AFTER INSERT ON anomaly_data_feedback BEGIN DELETE FROM ANOMALY_DATA; END;"
+                   "CREATE VIEW RECENT AS SELECT * FROM NOTES_VIEW, (SELECT * FROM ANOMALY_DATA);");
+  const auto found = unknown_code_on_detector_tables(db);
+  EXPECT_EQ(described(found), (std::vector<std::string>{"trigger ERASE", "view RECENT"}));
+  ASSERT_FALSE(found.empty());
+  EXPECT_EQ(found[0].table, "anomaly_data_feedback");
+}
+
+TEST_F(SchemaAuditTest, AViewSqliteCannotPrepareCountsAsReadingDetectorTables) {
+  db.execute_query("CREATE TABLE GONE(x); CREATE VIEW DANGLING AS SELECT x FROM GONE; DROP TABLE GONE;");
+  EXPECT_EQ(described(unknown_code_on_detector_tables(db)), (std::vector<std::string>{"view DANGLING"}));
+}
+
 TEST_F(SchemaAuditTest, AFileThatIsNotADatabaseThrows) {
   TempDir::write(dir.file("junk.db"), std::string(4096, 'x'));
   DBAccess junk(dir.file("junk.db"), SQLITE_OPEN_READWRITE);

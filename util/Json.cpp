@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "util/Text.h"
@@ -90,11 +91,29 @@ std::optional<double> Json::as_number() const {
   return json_number_value(value_);
 }
 
+namespace {
+
+// Outside strings JSON allows only ASCII blanks, so every U+2028/2029 in the
+// text sits inside a string, where its escape means the same character.
+std::string with_separators_escaped(std::string text) {
+  static constexpr std::pair<std::string_view, std::string_view> kEscapes[] = {
+      {"\xE2\x80\xA8", "\\u2028"}, {"\xE2\x80\xA9", "\\u2029"}};
+  for (const auto& [raw, escaped] : kEscapes) {
+    for (std::size_t at = text.find(raw); at != std::string::npos; at = text.find(raw, at + escaped.size())) {
+      text.replace(at, raw.size(), escaped);
+    }
+  }
+  return text;
+}
+
+}  // namespace
+
 std::string Json::dump(JsonFormat format) const {
   std::size_t flags = JSON_REAL_PRECISION(format.real_precision);
   if (format.compact) flags |= JSON_COMPACT;
   if (format.keep_order) flags |= JSON_PRESERVE_ORDER;
   const std::unique_ptr<char, decltype(&std::free)> text(value_ != nullptr ? json_dumps(value_, flags) : nullptr,
                                                           &std::free);
-  return text ? std::string(text.get()) : std::string();
+  if (!text) return std::string();
+  return format.escape_separators ? with_separators_escaped(text.get()) : std::string(text.get());
 }

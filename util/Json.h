@@ -15,6 +15,10 @@ struct JsonFormat {
   bool compact = false;     // no blank after ',' and ':'
   bool keep_order = false;  // members in the order they were set
   int real_precision = 0;   // significant digits of a real, 1 to 31; 0 is Jansson's 17
+  // U+2028 and U+2029 written as \u2028 and \u2029: valid JSON either way,
+  // but raw they end a line in JavaScript and in the terminals and logs the
+  // text may reach. Off for stored documents, which keep their bytes.
+  bool escape_separators = false;
 };
 
 class Json {

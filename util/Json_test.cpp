@@ -131,6 +131,15 @@ TEST(JsonTest, ControlCharactersAreEscapedInTheDump) {
   EXPECT_EQ(list.dump({.compact = true}), R"(["a\"b\\c\n\u0001"])");
 }
 
+TEST(JsonTest, LineAndParagraphSeparatorsAreEscapedWhenAsked) {
+  Json list = Json::array();
+  list.append(Json::string("a\xE2\x80\xA8" "b\xE2\x80\xA9\xE2\x80\xA8"));
+  EXPECT_EQ(list.dump({.compact = true, .escape_separators = true}), R"(["a\u2028b\u2029\u2028"])");
+  EXPECT_EQ(list.dump({.compact = true}), "[\"a\xE2\x80\xA8" "b\xE2\x80\xA9\xE2\x80\xA8\"]");
+  EXPECT_EQ(Json::parse(list.dump({.compact = true, .escape_separators = true})).dump({.compact = true}),
+            list.dump({.compact = true}));
+}
+
 TEST(JsonTest, AnEscapedNulIsRefusedSoNoTextCarriesOne) {
   std::string error;
   EXPECT_FALSE(Json::parse(R"({"a":"x\u0000y"})", &error).valid());

@@ -408,3 +408,27 @@ TEST_F(UpgradeToolTest, UsageErrorsExitTwoAndHelpNamesTheOptions) {
   EXPECT_EQ(ctl({"--help"}), 0);
   EXPECT_TRUE(contains(child->out(), "  upgrade     compare a database with the detector's schema")) << child->out();
 }
+
+// A trigger planted on a detector table stops every verdict; upgrade names
+// it (and any other code the schema does not define) and leaves it alone.
+TEST_F(UpgradeToolTest, ForeignTriggersAndViewsAreListedAndLeftAsTheyAre) {
+  {
+    DBAccess db(db_path, SQLITE_OPEN_READWRITE);
+    db.execute_query("CREATE TRIGGER ERASE AFTER INSERT ON ANOMALY_DATA_FEEDBACK BEGIN DELETE FROM ANOMALY_DATA; END;"
+                     "CREATE VIEW \"RECENT\x1b[2J\" AS SELECT * FROM ANOMALY_DATA;"
+                     "CREATE TABLE NOTES(n TEXT); CREATE VIEW NOTE_VIEW AS SELECT n FROM NOTES;");
+  }
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"upgrade", db_path},
+                                                std::vector<std::string>{"upgrade", db_path, "--apply"}}) {
+    ASSERT_EQ(ctl(args), 0) << child->err();
+    const std::string& out = child->out();
+    EXPECT_TRUE(contains(out, "Triggers and views the detector's schema does not define")) << out;
+    EXPECT_TRUE(contains(out, "  - trigger ERASE on ANOMALY_DATA_FEEDBACK, a table of the detector: no tool writes a "
+                              "verdict while it is there\n"))
+        << out;
+    EXPECT_TRUE(contains(out, "  - view RECENT\\x1b[2J, which reads the detector's tables: no tool writes")) << out;
+    EXPECT_TRUE(contains(out, "  - view NOTE_VIEW\n")) << out;
+  }
+  EXPECT_EQ(query(db_path, "SELECT COUNT(*) AS n FROM sqlite_master WHERE name IN ('ERASE', 'NOTE_VIEW')")[0].at("n").text(),
+            "2");
+}

@@ -17,6 +17,7 @@
 #include "platform/VisibleText.h"
 #include "schema/AnomalySchema.h"
 #include "storage/DBAccess.h"
+#include "storage/Statement.h"
 #include "tests/console/ConsoleFixture.h"
 #include "util/Text.h"
 
@@ -342,4 +343,67 @@ TEST_F(ConsoleApiTest, StartUpFailuresSayWhy) {
   ASSERT_TRUE(start());
   EXPECT_EQ(ctl({"serve", db(), "--listen", "127.0.0.1:" + std::to_string(port)}, nullptr, &err), 1);
   EXPECT_NE(err.find("cannot listen on 127.0.0.1:" + std::to_string(port)), std::string::npos) << err;
+}
+
+// A JOB_ID holding a line break, or thousands of characters, gave an id no
+// address could carry (404, 414): each anomaly is reached by its handle, its
+// page opens and both verdicts land, for several clients at once.
+TEST_F(ConsoleApiTest, EveryAnomalyIsReachableAndJudgeableWhateverItsIdHolds) {
+  ASSERT_TRUE(start());
+  const std::string crlf = add_anomaly("web-crlf", "7\r\n");
+  const std::string longest = add_anomaly("web-long", std::string(9000, '9'));
+  const std::string cookie = sign_in();
+  const struct {
+    std::string client, id, verdict, recorded;
+  } cases[] = {{"web-crlf", crlf, "acknowledge", "SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE ANOMALY_STATE = 1 AND "
+                                                  "ANOMALY_UNIQUE_ID = ?"},
+               {"web-long", longest, "false-positive", "SELECT COUNT(*) AS N FROM ANOMALY_DATA_FEEDBACK WHERE "
+                                                         "FEEDBACK = 1 AND ANOMALY_UNIQUE_ID = ?"}};
+  std::vector<std::thread> clients;
+  for (const auto& c : cases) {
+    clients.emplace_back([&] {
+      Json list = parse(client().Get("/api/v1/anomalies?client=" + c.client, bearer())->body);
+      json_t* item = json_array_get(json_object_get(list.get(), "anomalies"), 0);
+      ASSERT_EQ(str(item, "id"), c.id);
+      const std::string address = str(item, "url");
+      EXPECT_LT(address.size(), 100u) << address;
+      auto page = client().Get(address, {{"Cookie", cookie}});
+      ASSERT_TRUE(page);
+      EXPECT_EQ(page->status, 200) << page->body;
+      auto api = client().Get("/api/v1" + address, bearer());
+      ASSERT_TRUE(api);
+      ASSERT_EQ(api->status, 200) << api->body;
+      EXPECT_EQ(str(parse(api->body).get(), "id"), c.id);
+      auto verdict = client().Post("/api/v1" + address + "/" + c.verdict, bearer(), "", "text/plain");
+      ASSERT_TRUE(verdict);
+      EXPECT_EQ(verdict->status, 200) << verdict->body;
+    });
+  }
+  for (std::thread& t : clients) t.join();
+  for (const auto& c : cases) {
+    DBAccess reader(db(), SQLITE_OPEN_READONLY);
+    Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement st(reader.handle, c.recorded);
+    st.bind(1, c.id);
+    Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows rows;
+    reader.read_data_prepared(st, rows);
+    EXPECT_EQ(rows[0]["N"], 1) << c.client;
+  }
+  // A handle naming no anomaly is a plain not-found.
+  EXPECT_EQ(client().Get("/api/v1/anomalies/~" + std::string(64, 'a'), bearer())->status, 404);
+}
+
+// A trigger planted on a detector table: the console writes no verdict and
+// says why, and the anomalies stay as they were.
+TEST_F(ConsoleApiTest, AVerdictIsRefusedWhileAForeignTriggerSitsOnADetectorTable) {
+  ASSERT_TRUE(start());
+  const std::vector<std::string> ids = anomaly_ids();
+  const long long anomalies = count("SELECT COUNT(*) AS N FROM ANOMALY_DATA");
+  DBAccess(db(), SQLITE_OPEN_READWRITE)
+      .execute_query("CREATE TRIGGER ERASE AFTER UPDATE ON ANOMALY_DATA BEGIN DELETE FROM ANOMALY_DATA; END");
+  auto res = client().Post("/api/v1/anomalies/" + ids[0] + "/acknowledge", bearer(), "", "text/plain");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 409);
+  EXPECT_NE(res->body.find("trigger or view on the detector's tables"), std::string::npos) << res->body;
+  EXPECT_EQ(count("SELECT COUNT(*) AS N FROM ANOMALY_DATA"), anomalies);
+  EXPECT_EQ(count("SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE ANOMALY_STATE = 1"), 0);
 }
