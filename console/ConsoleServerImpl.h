@@ -5,8 +5,12 @@
 
 #include <httplib.h>
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <regex>
 #include <set>
 #include <string>
@@ -17,6 +21,7 @@
 #include "console/ConsoleServer.h"
 #include "console/ConsoleStore.h"
 #include "console/HistoryTally.h"
+#include "console/HttpServer.h"
 #include "console/SessionTable.h"
 
 namespace console_server {
@@ -35,9 +40,14 @@ struct ConsoleServer::Impl {
   ConsoleStore store;
   HistoryTally history;
   SessionTable sessions;
-  std::unique_ptr<httplib::Server> server;
+  std::optional<HttpServer::Tls> tls_pem;
+  std::unique_ptr<HttpServer> server;
   std::set<std::string> allowed_hosts;
   int bound_port = 0;
+  std::mutex stop_mutex;
+  std::condition_variable stop_asked;
+  bool stopping = false;
+  std::atomic<bool> serving{false};
 
   explicit Impl(ConsoleConfig c)
       : config(std::move(c)), store(config.database), history([this] { return store.history_counts(); },
@@ -73,10 +83,12 @@ struct ConsoleServer::Impl {
   };
   static const std::vector<Route>& route_table();
 
-  void make_server();
+  void load_tls();
+  HttpHandlers handlers();
+  void answer(httplib::Request& req, httplib::Response& res);
   bool same_origin(const httplib::Request& req) const;
-  void routes();
-  httplib::Server::HandlerResponse admit(const httplib::Request& req, httplib::Response& res);
+  void route(httplib::Request& req, httplib::Response& res);
+  bool admit(const httplib::Request& req, httplib::Response& res);
   bool authorised(const httplib::Request& req, httplib::Response& res);
   void require_csrf(const httplib::Request& req);
   void verdict_form(const httplib::Request& req, httplib::Response& res);
