@@ -63,6 +63,9 @@ const std::vector<ConsoleServer::Impl::Route>& ConsoleServer::Impl::route_table(
   static const std::vector<Route> table = {
       {Get, "/", &Impl::list_page},
       {Get, R"(/console\.css)", &Impl::stylesheet_file},
+      {Get, R"(/console\.js)", &Impl::script_file},
+      {Post, "/session/proof", &Impl::claim_proof},
+      {Post, "/logout", &Impl::sign_out},
       {Get, "/status", &Impl::status_page},
       {Post, R"(/anomalies/(.+)/(false-positive|acknowledge))", &Impl::verdict_form},
       {Get, R"(/anomalies/(.+))", &Impl::anomaly_page},

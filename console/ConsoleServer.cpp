@@ -22,8 +22,8 @@ namespace {
 
 const std::pair<const char*, const char*> kSecurityHeaders[] = {
     {"Content-Security-Policy",
-     "default-src 'none'; style-src 'self'; img-src 'self'; form-action 'self'; frame-ancestors 'none'; "
-     "base-uri 'none'"},
+     "default-src 'none'; script-src 'self'; connect-src 'self'; style-src 'self'; img-src 'self'; "
+     "form-action 'self'; frame-ancestors 'none'; base-uri 'none'"},
     {"X-Content-Type-Options", "nosniff"},
     {"Referrer-Policy", "no-referrer"},
     {"X-Frame-Options", "DENY"},
@@ -113,9 +113,11 @@ bool ConsoleServer::Impl::admit(const Request& req, Response& res) {
 }
 
 bool ConsoleServer::Impl::authorised(const Request& req, Response& res) {
+  const TokenWatch::Look token = token_watch.look();
+  if (token.changed) sessions.end_all();
   if (req.path == "/metrics" && config.loopback) return true;
   if (const auto presented = bearer(req)) {
-    if (access_token::equal(*presented, config.token)) return true;
+    if (token.token && access_token::equal(*presented, *token.token)) return true;
     res.set_header("WWW-Authenticate", "Bearer");
     send_error(req, res, 401, "the token is wrong");
     return false;
@@ -126,16 +128,7 @@ bool ConsoleServer::Impl::authorised(const Request& req, Response& res) {
     return false;
   }
   if (req.has_param("token")) {
-    if (!access_token::equal(req.get_param_value("token"), config.token)) {
-      send_error(req, res, 401, "The token in this address is wrong. Open the address the console printed when it "
-                                "started.");
-      return false;
-    }
-    // The token leaves the address bar at once: the session cookie stands in for it.
-    const SessionTable::Opened session = sessions.open();
-    res.set_header("Set-Cookie", std::string(kSessionCookie) + "=" + session.id +
-                                     "; Path=/; HttpOnly; SameSite=Strict" + (tls() ? "; Secure" : ""));
-    res.set_redirect(signed_in_target(req.path), 303);
+    sign_in(req, res, token.token);
     return false;
   }
   if (sessions.csrf_of(cookie(req, kSessionCookie))) return true;
@@ -143,13 +136,20 @@ bool ConsoleServer::Impl::authorised(const Request& req, Response& res) {
   return false;
 }
 
-// A form sent with a session cookie must carry that session's token; one
-// sent with the Bearer header carries the secret itself.
+// A form sent with a session cookie must carry that session's CSRF token and
+// the proof its page claimed, in the body or a header, never in the address,
+// which browsers keep in their history and servers in their logs. One sent
+// with the Bearer header carries the secret itself.
 void ConsoleServer::Impl::require_csrf(const Request& req) {
   if (bearer(req)) return;
-  const auto expected = sessions.csrf_of(cookie(req, kSessionCookie));
-  if (!expected || !access_token::equal(req.get_param_value("csrf"), *expected)) {
+  const std::string id = cookie(req, kSessionCookie);
+  const auto expected = sessions.csrf_of(id);
+  if (!expected || !access_token::equal(sent_secret(req, "csrf", "X-CSRF-Token"), *expected)) {
     throw RequestError(403, "the form's CSRF token is missing or does not belong to this session");
+  }
+  if (!sessions.proven(id, sent_secret(req, "proof", "X-Session-Proof"))) {
+    throw RequestError(403, "This page could not prove it belongs to the browser that signed in (it needs "
+                            "JavaScript). Open the token address again to sign in.");
   }
 }
 

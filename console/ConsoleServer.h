@@ -19,6 +19,7 @@ struct ConsoleConfig {
   int port = 8470;                 // 0: any free port
   bool loopback = true;            // host is a loopback address
   std::string token;
+  std::string token_file;  // watched: a changed token ends every session (empty: token is fixed)
   std::optional<std::string> tls_cert, tls_key;
   std::string config_file;  // the detector's INI, for the jobs it cannot judge
   int listen_fd = -1;       // a listening socket to serve (systemd's), instead of host:port

@@ -23,6 +23,7 @@
 #include "console/HistoryTally.h"
 #include "console/HttpServer.h"
 #include "console/SessionTable.h"
+#include "console/TokenWatch.h"
 
 namespace console_server {
 
@@ -40,6 +41,7 @@ struct ConsoleServer::Impl {
   ConsoleStore store;
   HistoryTally history;
   SessionTable sessions;
+  TokenWatch token_watch;
   std::optional<HttpServer::Tls> tls_pem;
   std::unique_ptr<HttpServer> server;
   std::set<std::string> allowed_hosts;
@@ -50,8 +52,10 @@ struct ConsoleServer::Impl {
   std::atomic<bool> serving{false};
 
   explicit Impl(ConsoleConfig c)
-      : config(std::move(c)), store(config.database), history([this] { return store.history_counts(); },
-                                                              console_server::kHistoryRecount) {}
+      : config(std::move(c)),
+        store(config.database),
+        history([this] { return store.history_counts(); }, console_server::kHistoryRecount),
+        token_watch(config.token_file, config.token) {}
 
   StatusFigures status(bool with_unjudgeable = false) const {
     StatusFigures figures = store.status();
@@ -90,6 +94,10 @@ struct ConsoleServer::Impl {
   void route(httplib::Request& req, httplib::Response& res);
   bool admit(const httplib::Request& req, httplib::Response& res);
   bool authorised(const httplib::Request& req, httplib::Response& res);
+  void sign_in(const httplib::Request& req, httplib::Response& res, const std::optional<std::string>& token);
+  void script_file(const httplib::Request& req, httplib::Response& res);
+  void claim_proof(const httplib::Request& req, httplib::Response& res);
+  void sign_out(const httplib::Request& req, httplib::Response& res);
   void require_csrf(const httplib::Request& req);
   void verdict_form(const httplib::Request& req, httplib::Response& res);
   void verdict_api(const httplib::Request& req, httplib::Response& res);

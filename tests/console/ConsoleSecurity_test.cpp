@@ -110,8 +110,7 @@ TEST_F(ConsoleSecurityTest, FormsNeedTheSessionsCsrfToken) {
   EXPECT_EQ(foreign->status, 403);
   EXPECT_EQ(count(kFeedbackRows), 0);
 
-  auto right = client().Post(path, {{"Cookie", cookie}}, "csrf=" + csrf_of_page(cookie, id),
-                             "application/x-www-form-urlencoded");
+  auto right = client().Post(path, {{"Cookie", cookie}}, form(cookie, id), "application/x-www-form-urlencoded");
   ASSERT_TRUE(right);
   EXPECT_EQ(right->status, 303);
   EXPECT_EQ(right->get_header_value("Location"), "/anomalies/" + id + "?result=false-positive-recorded");
