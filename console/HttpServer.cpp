@@ -97,6 +97,7 @@ struct HttpServer::Impl {
   static MHD_Result on_request(void* cls, MHD_Connection* connection, const char* url, const char* method,
                                const char* version, const char* upload, std::size_t* upload_size, void** context) {
     auto& self = *static_cast<Impl*>(cls);
+    if (*context == nullptr) return MHD_NO;  // every request passes on_uri first
     auto& pending = *static_cast<PendingRequest*>(*context);
     if (!pending.head_seen) {
       pending.head_seen = true;

@@ -71,6 +71,17 @@ std::size_t flood(int port) {
   return sent;
 }
 
+// Reads what the console answers on fd until it closes the connection.
+std::string answer_of(int fd) {
+  timeval wait{20, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  std::string answer;
+  char buffer[4096];
+  ssize_t got = 0;
+  while ((got = ::recv(fd, buffer, sizeof buffer, 0)) > 0) answer.append(buffer, static_cast<std::size_t>(got));
+  return answer;
+}
+
 }  // namespace
 
 using ConsoleHostileClientsTest = ConsoleFixture;
@@ -139,4 +150,28 @@ TEST_F(ConsoleHostileClientsTest, DrippingClientsDoNotStallOthersAndAreCutAtTheR
   EXPECT_EQ(answered, 5) << "requests went unanswered while clients dripped";
   for (auto& t : drippers) t.join();
   EXPECT_EQ(cut.load(), 10) << "a dripping client was kept past the request deadline";
+}
+
+TEST_F(ConsoleHostileClientsTest, BodiesTooLargeToReadAreRefusedUnread) {
+  ASSERT_TRUE(start());
+  const std::string head = "POST /api/v1/anomalies/" + anomaly_ids().front() + "/acknowledge HTTP/1.1\r\nHost: 127.0.0.1:" +
+                           std::to_string(port) + "\r\nAuthorization: Bearer " + token + "\r\n";
+  // Declared too large: refused before a byte of it is read.
+  int fd = connect_to(port);
+  ASSERT_TRUE(send_all(fd, head + "Content-Length: 100000000\r\n\r\n"));
+  std::string answer = answer_of(fd);
+  ::close(fd);
+  EXPECT_EQ(answer.rfind("HTTP/1.1 413", 0), 0u) << answer;
+  EXPECT_NE(answer.find("\"status\":413"), std::string::npos) << answer;
+
+  // Sent in chunks without end: the connection is closed once it passes
+  // what the console would read and drop.
+  fd = connect_to(port);
+  ASSERT_TRUE(send_all(fd, head + "Transfer-Encoding: chunked\r\n\r\n"));
+  const std::string chunk = "10000\r\n" + std::string(0x10000, 'b') + "\r\n";
+  std::size_t sent = 0;
+  while (sent < kFloodBytes && send_all(fd, chunk)) sent += chunk.size();
+  ::close(fd);
+  EXPECT_LT(sent, kFloodBytes / 10) << "an endless body was read on";
+  EXPECT_EQ(count("SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE ANOMALY_STATE = 1"), 0);
 }
