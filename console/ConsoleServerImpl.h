@@ -1,6 +1,7 @@
 // ConsoleServer::Impl: the console's server state, shared by its units:
-// ConsoleServer.cpp (the server, its admission checks, binding) and
-// ConsoleRoutes.cpp (the pages, the API and their handlers). Private to them.
+// ConsoleServer.cpp (the server, its admission checks, binding),
+// ConsoleRoutes.cpp (the pages, the API and their handlers) and
+// ConsoleSession.cpp (signing in and out). Private to them.
 #pragma once
 
 #include <httplib.h>

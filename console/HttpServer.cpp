@@ -3,6 +3,8 @@
 #include <microhttpd.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 #include "console/RequestDeadlines.h"
