@@ -74,6 +74,8 @@ void ConsoleServer::Impl::answer(Request& req, Response& res) {
     send_error(req, res, 500, "the request failed; the console's log says why");
   }
   if (res.status < 0) res.status = 200;
+  // A handler that only set an error status still answers with a page or JSON.
+  if (res.status >= 400 && res.body.empty()) send_error(req, res, res.status, status_title(res.status));
   add_security_headers(res);
 }
 
@@ -164,12 +166,13 @@ int ConsoleServer::bind() {
   const ListenAddress wanted{impl.config.host, impl.config.port, impl.config.loopback};
   const int fd = impl.config.listen_fd >= 0 ? impl.config.listen_fd : listen_socket::open(wanted);
   impl.bound_port = listen_socket::address_of(fd).port;
-  impl.server = std::make_unique<HttpServer>(fd, console_limits(), impl.tls_pem, impl.handlers());
-  impl.serving = true;
+  // Settled before the first connection is taken: handlers read them unlocked.
   const std::string port = ":" + std::to_string(impl.bound_port);
   const bool v6 = impl.config.host.find(':') != std::string::npos;
   impl.allowed_hosts = {(v6 ? "[" + impl.config.host + "]" : impl.config.host) + port, "localhost" + port,
                         "127.0.0.1" + port, "[::1]" + port};
+  impl.server = std::make_unique<HttpServer>(fd, console_limits(), impl.tls_pem, impl.handlers());
+  impl.serving = true;
   return impl.bound_port;
 }
 

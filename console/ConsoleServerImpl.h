@@ -80,10 +80,9 @@ struct ConsoleServer::Impl {
   struct Route {
     enum class Method { Get, Post };
     using Handler = void (Impl::*)(const httplib::Request&, httplib::Response&);
-    Route(Method m, const char* p, Handler h) : method(m), pattern(p), path(p), handler(h) {}
+    Route(Method m, const char* pattern, Handler h) : method(m), path(pattern), handler(h) {}
     Method method;
-    const char* pattern;
-    std::regex path;  // pattern, compiled once for the requests no route takes
+    std::regex path;  // compiled once, when the table is first used
     Handler handler;
   };
   static const std::vector<Route>& route_table();
