@@ -17,6 +17,7 @@
 #include "console/AccessToken.h"
 #include "console/ConsoleServer.h"
 #include "console/ListenAddress.h"
+#include "console/ListenSocket.h"
 
 const CommandArgs::Syntax kServeSyntax{
     {{.name = "--listen",
@@ -46,9 +47,13 @@ const std::string kServeHelp =
     "'Report as false positive' and 'Acknowledge'; the detector's status; a JSON\n"
     "API under /api/v1/ and Prometheus metrics at /metrics.\n"
     "\n"
-    "Every request but /metrics on a loopback address needs the token: the\n"
-    "header 'Authorization: Bearer TOKEN' for the API, or, in a browser, the\n"
-    "address printed at start-up ('.../?token=TOKEN'), which opens a session.\n"
+    "Every request but /metrics on a loopback address needs the token from the\n"
+    "token file: the header 'Authorization: Bearer TOKEN' for the API, or, in a\n"
+    "browser, the address printed at start-up with the token added\n"
+    "('.../?token=TOKEN'), which opens a session. The token is never printed.\n"
+    "A session ends on 'Sign out', after 30 minutes unused, 8 hours after\n"
+    "sign-in, or when the token file changes. Under systemd socket activation\n"
+    "the console serves the socket it is given instead of --listen.\n"
     "\n" +
     options_help(kServeSyntax.options) +
     "\n"
@@ -100,17 +105,33 @@ class StopOnSignal {
   std::thread waiter_;
 };
 
+// A socket systemd passed replaces --listen: the console serves the address
+// the socket unit names, and the port stays held while it restarts.
+void take_inherited_socket(ConsoleConfig& config) {
+  const auto fd = listen_socket::inherited();
+  if (!fd) return;
+  const ListenAddress address = listen_socket::address_of(*fd);
+  config.listen_fd = *fd;
+  config.host = address.host;
+  config.port = address.port;
+  config.loopback = address.loopback;
+}
+
+// The token stays in its file: standard output goes to terminals and
+// journals that others may read.
 int serve(ConsoleConfig config, const std::string& token_file) {
   const sigset_t signals = stop_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   const access_token::Loaded token = access_token::load_or_create(token_file);
   if (token.created) std::cout << "Created the token file " << visible_text(token_file) << " (mode 0600).\n";
   config.token = token.token;
+  config.token_file = token_file;
   ConsoleServer server(std::move(config));
   server.bind();
   StopOnSignal stopper(server);
   std::cout << "Console listening on " << server.base_url() << "/\n"
-            << "Open " << server.base_url() << "/?token=" << token.token << " to sign in.\n"
+            << "Open " << server.base_url() << "/?token=TOKEN, with TOKEN the content of "
+            << visible_text(token_file) << ", to sign in.\n"
             << std::flush;
   const bool ok = server.run();
   std::cout << "Console stopped.\n";
@@ -130,11 +151,17 @@ int run_serve(int argc, char** argv) {
   config.host = address->host;
   config.port = address->port;
   config.loopback = address->loopback;
+  try {
+    take_inherited_socket(config);
+  } catch (const std::exception& e) {
+    std::cerr << "tsanomalyctl serve: " << ErrorText::of(e) << "\n";
+    return 1;
+  }
   const auto token_file = args.value("--token-file");
   if (!config.loopback && !token_file) {
     return usage_error("refusing to listen on " + listen +
-                       ", which is not a loopback address, without --token-file: anybody who can reach it would "
-                       "get a token printed only here");
+                       ", which is not a loopback address, without --token-file: its clients need a token the "
+                       "operator chose the file of");
   }
   config.tls_cert = args.value("--tls-cert");
   config.tls_key = args.value("--tls-key");

@@ -84,6 +84,8 @@ Loaded load_or_create(const std::string& path) {
   return loaded;
 }
 
+std::string read(const std::string& path) { return read_token(path); }
+
 bool equal(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   unsigned char difference = 0;

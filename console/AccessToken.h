@@ -19,6 +19,8 @@ struct Loaded {
   bool created = false;  // the file did not exist and was made now
 };
 Loaded load_or_create(const std::string& path);
+// The token in an existing file, with the same checks.
+std::string read(const std::string& path);
 
 // Compares in time that depends on the lengths only, not on where the
 // texts first differ.

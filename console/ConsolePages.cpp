@@ -52,9 +52,12 @@ std::string layout(const std::string& title, const std::string& body) {
   return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
          "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
          "<title>" + html_escape(title) + " \xE2\x80\x93 tsanomaly console</title>\n"
-         "<link rel=\"stylesheet\" href=\"/console.css\">\n</head>\n<body>\n<div class=\"page\">\n"
+         "<link rel=\"stylesheet\" href=\"/console.css\">\n<script src=\"/console.js\"></script>\n</head>\n"
+         "<body>\n<div class=\"page\">\n"
          "<nav class=\"top\"><a class=\"brand\" href=\"/\">Backup anomalies</a><a href=\"/\">Anomalies</a>"
-         "<a href=\"/status\">Status</a></nav>\n" +
+         "<a href=\"/status\">Status</a>"
+         "<form class=\"sign-out\" method=\"post\" action=\"/logout\"><button type=\"submit\">Sign out</button></form>"
+         "</nav>\n" +
          body + "</div>\n</body>\n</html>\n";
 }
 

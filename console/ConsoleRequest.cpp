@@ -63,6 +63,16 @@ std::optional<std::string> bearer(const Request& req) {
   return header.substr(7);
 }
 
+std::string sent_secret(const Request& req, const char* field, const char* header) {
+  if (req.get_header_value("Content-Type").rfind("application/x-www-form-urlencoded", 0) == 0) {
+    httplib::Params form;
+    httplib::detail::parse_query_text(req.body, form);
+    const auto found = form.find(field);
+    if (found != form.end()) return found->second;
+  }
+  return req.get_header_value(header);
+}
+
 // A filter value as sent, bounded in size.
 std::string param(const Request& req, const char* name) {
   std::string value = req.get_param_value(name);

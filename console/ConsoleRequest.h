@@ -32,6 +32,9 @@ void send_error(const Request& req, Response& res, int status, const std::string
 
 std::string cookie(const Request& req, const std::string& name);
 std::optional<std::string> bearer(const Request& req);
+// A secret sent with a form: the urlencoded body's field, else the header;
+// never the query string.
+std::string sent_secret(const Request& req, const char* field, const char* header);
 // A filter value as sent, bounded in size.
 std::string param(const Request& req, const char* name);
 long long number_param(const Request& req, const char* name, long long fallback, long long min, long long max);

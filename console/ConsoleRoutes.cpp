@@ -77,6 +77,9 @@ const std::vector<ConsoleServer::Impl::Route>& ConsoleServer::Impl::route_table(
   static const std::vector<Route> table = {
       {Get, "/", &Impl::list_page},
       {Get, R"(/console\.css)", &Impl::stylesheet_file},
+      {Get, R"(/console\.js)", &Impl::script_file},
+      {Post, "/session/proof", &Impl::claim_proof},
+      {Post, "/logout", &Impl::sign_out},
       {Get, "/status", &Impl::status_page},
       {Post, R"(/anomalies/(.+)/(false-positive|acknowledge))", &Impl::verdict_form},
       {Get, R"(/anomalies/(.+))", &Impl::anomaly_page},
@@ -89,25 +92,18 @@ const std::vector<ConsoleServer::Impl::Route>& ConsoleServer::Impl::route_table(
   return table;
 }
 
-void ConsoleServer::Impl::routes() {
-  httplib::Server& s = *server;
+// The first route whose method and path fit takes the request (GET routes
+// take HEAD too); a path that fits only by its method is answered below.
+void ConsoleServer::Impl::route(Request& req, Response& res) {
+  const bool get = req.method == "GET" || req.method == "HEAD";
   for (const Route& route : route_table()) {
-    const auto handle = [this, handler = route.handler](const Request& req, Response& res) {
-      (this->*handler)(req, res);
-    };
-    if (route.method == Route::Method::Post) {
-      s.Post(route.pattern, handle);
-    } else {
-      s.Get(route.pattern, handle);
+    const bool method_fits = route.method == Route::Method::Post ? req.method == "POST" : get;
+    if (method_fits && std::regex_match(req.path, req.matches, route.path)) {
+      (this->*route.handler)(req, res);
+      return;
     }
   }
-  const auto refuse = [this](const Request& req, Response& res) { method_not_allowed(req, res); };
-  s.Get(".*", refuse);
-  s.Post(".*", refuse);
-  s.Put(".*", refuse);
-  s.Patch(".*", refuse);
-  s.Delete(".*", refuse);
-  s.Options(".*", refuse);
+  method_not_allowed(req, res);
 }
 
 // The first route whose path fits names the methods the path takes.

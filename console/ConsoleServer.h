@@ -1,5 +1,6 @@
 // ConsoleServer: the operator console's HTTP(S) server: pages, the JSON API
-// under /api/v1/ and /metrics, on cpp-httplib's thread pool. It owns the
+// under /api/v1/ and /metrics, behind an HttpServer that bounds every
+// connection before a request is read whole. It owns the
 // checks every request passes first (header size, Host, token or session,
 // Origin, CSRF) and the security headers every response carries. Reads and
 // writes go through ConsoleStore, afresh for every request but the history's
@@ -12,20 +13,16 @@
 
 #include "console/SessionTable.h"
 
-namespace httplib {
-class Server;
-struct Request;
-struct Response;
-}  // namespace httplib
-
 struct ConsoleConfig {
   std::string database;
   std::string host = "127.0.0.1";  // an IP address
   int port = 8470;                 // 0: any free port
   bool loopback = true;            // host is a loopback address
   std::string token;
+  std::string token_file;  // watched: a changed token ends every session (empty: token is fixed)
   std::optional<std::string> tls_cert, tls_key;
   std::string config_file;  // the detector's INI, for the jobs it cannot judge
+  int listen_fd = -1;       // a listening socket to serve (systemd's), instead of host:port
 };
 
 class ConsoleServer {
@@ -36,15 +33,17 @@ class ConsoleServer {
   ConsoleServer(const ConsoleServer&) = delete;
   ConsoleServer& operator=(const ConsoleServer&) = delete;
 
-  // Binds the listening socket; throws std::runtime_error when it cannot.
-  // Returns the port bound (the one asked for, or the one chosen for 0).
+  // Binds the listening socket (or takes listen_fd) and begins to serve;
+  // throws std::runtime_error when it cannot. Returns the port bound (the
+  // one asked for, or the one chosen for 0).
   int bind();
-  // Serves until stop(); returns false when the server failed.
+  // Waits until stop(), then stops serving; returns false when the server
+  // never started.
   bool run();
   // From any thread, a signal waiter included. Stops only a server that
   // is running (see running()).
   void stop();
-  // Whether run() has begun to accept connections and not stopped yet.
+  // Whether the server serves and has not been asked to stop.
   bool running() const;
 
   // "http://127.0.0.1:8470" (no trailing slash).
@@ -55,6 +54,9 @@ class ConsoleServer {
   static constexpr std::size_t kMaxHeaderBytes = 16 * 1024;
   static constexpr std::size_t kMaxHeaderCount = 64;
   static constexpr int kReadTimeoutSeconds = 5;
+  // A whole request (head and body) must arrive within this, however it
+  // trickles in.
+  static constexpr int kRequestDeadlineSeconds = 10;
   static constexpr std::size_t kMaxFilterBytes = 256;
 
  private:

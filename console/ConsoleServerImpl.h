@@ -1,12 +1,17 @@
 // ConsoleServer::Impl: the console's server state, shared by its units:
-// ConsoleServer.cpp (the server, its admission checks, binding) and
-// ConsoleRoutes.cpp (the pages, the API and their handlers). Private to them.
+// ConsoleServer.cpp (the server, its admission checks, binding),
+// ConsoleRoutes.cpp (the pages, the API and their handlers) and
+// ConsoleSession.cpp (signing in and out). Private to them.
 #pragma once
 
 #include <httplib.h>
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <regex>
 #include <set>
 #include <string>
@@ -17,7 +22,9 @@
 #include "console/ConsoleServer.h"
 #include "console/ConsoleStore.h"
 #include "console/HistoryTally.h"
+#include "console/HttpServer.h"
 #include "console/SessionTable.h"
+#include "console/TokenWatch.h"
 
 namespace console_server {
 
@@ -35,13 +42,21 @@ struct ConsoleServer::Impl {
   ConsoleStore store;
   HistoryTally history;
   SessionTable sessions;
-  std::unique_ptr<httplib::Server> server;
+  TokenWatch token_watch;
+  std::optional<HttpServer::Tls> tls_pem;
+  std::unique_ptr<HttpServer> server;
   std::set<std::string> allowed_hosts;
   int bound_port = 0;
+  std::mutex stop_mutex;
+  std::condition_variable stop_asked;
+  bool stopping = false;
+  std::atomic<bool> serving{false};
 
   explicit Impl(ConsoleConfig c)
-      : config(std::move(c)), store(config.database), history([this] { return store.history_counts(); },
-                                                              console_server::kHistoryRecount) {}
+      : config(std::move(c)),
+        store(config.database),
+        history([this] { return store.history_counts(); }, console_server::kHistoryRecount),
+        token_watch(config.token_file, config.token) {}
 
   StatusFigures status(bool with_unjudgeable = false) const {
     StatusFigures figures = store.status();
@@ -65,19 +80,24 @@ struct ConsoleServer::Impl {
   struct Route {
     enum class Method { Get, Post };
     using Handler = void (Impl::*)(const httplib::Request&, httplib::Response&);
-    Route(Method m, const char* p, Handler h) : method(m), pattern(p), path(p), handler(h) {}
+    Route(Method m, const char* pattern, Handler h) : method(m), path(pattern), handler(h) {}
     Method method;
-    const char* pattern;
-    std::regex path;  // pattern, compiled once for the requests no route takes
+    std::regex path;  // compiled once, when the table is first used
     Handler handler;
   };
   static const std::vector<Route>& route_table();
 
-  void make_server();
+  void load_tls();
+  HttpHandlers handlers();
+  void answer(httplib::Request& req, httplib::Response& res);
   bool same_origin(const httplib::Request& req) const;
-  void routes();
-  httplib::Server::HandlerResponse admit(const httplib::Request& req, httplib::Response& res);
+  void route(httplib::Request& req, httplib::Response& res);
+  bool admit(const httplib::Request& req, httplib::Response& res);
   bool authorised(const httplib::Request& req, httplib::Response& res);
+  void sign_in(const httplib::Request& req, httplib::Response& res, const std::optional<std::string>& token);
+  void script_file(const httplib::Request& req, httplib::Response& res);
+  void claim_proof(const httplib::Request& req, httplib::Response& res);
+  void sign_out(const httplib::Request& req, httplib::Response& res);
   void require_csrf(const httplib::Request& req);
   void verdict_form(const httplib::Request& req, httplib::Response& res);
   void verdict_api(const httplib::Request& req, httplib::Response& res);

@@ -17,6 +17,7 @@ using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Value;
 using tsanomaly_test::ChildProcess;
+using tsanomaly_test::TempDir;
 
 void ConsoleFixture::SetUp() {
   ASSERT_EQ(ctl({"simulate", db(), "--workloads", "12", "--days", "40", "--pending", "12", "--anomalies", "40",
@@ -54,13 +55,14 @@ bool ConsoleFixture::start(const std::vector<std::string>& options) {
   if (!server->wait_for_output(" to sign in.\n", std::chrono::seconds(20))) return false;
   std::smatch m;
   const std::string out = server->out();
-  if (!std::regex_search(out, m, std::regex(R"(Open (https?://127\.0\.0\.1:(\d+))/\?token=([0-9A-Za-z._~-]+) )"))) {
+  if (!std::regex_search(out, m, std::regex(R"(Open (https?://127\.0\.0\.1:(\d+))/\?token=TOKEN, with TOKEN the content of (.+), to sign in\.)"))) {
     return false;
   }
   url = m[1];
   port = std::stoi(m[2]);
-  token = m[3];
-  return true;
+  const std::string file = TempDir::read(m[3]);
+  token = file.substr(0, file.find('\n'));
+  return !token.empty() && out.find(token) == std::string::npos;
 }
 
 int ConsoleFixture::stop() {
@@ -81,7 +83,15 @@ std::string ConsoleFixture::sign_in() {
   auto res = client().Get("/?token=" + token);
   if (!res || res->status != 303) return "";
   const std::string set_cookie = res->get_header_value("Set-Cookie");
-  return set_cookie.substr(0, set_cookie.find(';'));
+  const std::string cookie = set_cookie.substr(0, set_cookie.find(';'));
+  // What the landing page's script does: claim the session's proof.
+  auto claimed = client().Post("/session/proof", {{"Cookie", cookie}}, "", "text/plain");
+  if (claimed && claimed->status == 200) proofs[cookie] = claimed->body;
+  return cookie;
+}
+
+std::string ConsoleFixture::form(const std::string& cookie, const std::string& id) {
+  return "csrf=" + csrf_of_page(cookie, id) + "&proof=" + proofs[cookie];
 }
 
 std::string ConsoleFixture::csrf_of_page(const std::string& cookie, const std::string& id) {

@@ -9,6 +9,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,8 +35,11 @@ class ConsoleFixture : public ::testing::Test {
 
   httplib::Client client() const;
   httplib::Headers bearer() const { return {{"Authorization", "Bearer " + token}}; }
-  // Signs in through ?token= and returns the session cookie ("name=value").
+  // Signs in through ?token=, claims the session's proof as the landing
+  // page would (kept in proofs), and returns the session cookie ("name=value").
   std::string sign_in();
+  // The body of a verdict form on an anomaly's page, sent from the signed-in page.
+  std::string form(const std::string& cookie, const std::string& id);
   // The CSRF token of the forms on an anomaly's page.
   std::string csrf_of_page(const std::string& cookie, const std::string& id);
 
@@ -55,4 +59,5 @@ class ConsoleFixture : public ::testing::Test {
   std::string url;  // "http://127.0.0.1:PORT"
   int port = 0;
   std::string token;
+  std::map<std::string, std::string> proofs;  // by session cookie
 };

@@ -110,8 +110,7 @@ TEST_F(ConsoleSecurityTest, FormsNeedTheSessionsCsrfToken) {
   EXPECT_EQ(foreign->status, 403);
   EXPECT_EQ(count(kFeedbackRows), 0);
 
-  auto right = client().Post(path, {{"Cookie", cookie}}, "csrf=" + csrf_of_page(cookie, id),
-                             "application/x-www-form-urlencoded");
+  auto right = client().Post(path, {{"Cookie", cookie}}, form(cookie, id), "application/x-www-form-urlencoded");
   ASSERT_TRUE(right);
   EXPECT_EQ(right->status, 303);
   EXPECT_EQ(right->get_header_value("Location"), "/anomalies/" + id + "?result=false-positive-recorded");
@@ -321,4 +320,27 @@ TEST_F(ConsoleSecurityTest, ServesHttpsWithTheGivenCertificate) {
   std::string err;
   EXPECT_EQ(ctl({"serve", db(), "--listen", "127.0.0.1:0", "--tls-cert", key, "--tls-key", cert}, nullptr, &err), 1);
   EXPECT_NE(err.find("TLS"), std::string::npos) << err;
+}
+
+TEST_F(ConsoleSecurityTest, APostWithoutBodyOrLengthIsTakenAsAnEmptyBody) {
+  ASSERT_TRUE(start());
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const std::string request = "POST /api/v1/anomalies/" + anomaly_ids().front() +
+                              "/acknowledge HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+                              "\r\nAuthorization: Bearer " + token + "\r\nConnection: close\r\n\r\n";
+  ASSERT_EQ(::send(fd, request.data(), request.size(), MSG_NOSIGNAL), static_cast<ssize_t>(request.size()));
+  timeval wait{20, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  std::string answer;
+  char buffer[512];
+  ssize_t got = 0;
+  while ((got = ::recv(fd, buffer, sizeof buffer, 0)) > 0) answer.append(buffer, static_cast<std::size_t>(got));
+  ::close(fd);
+  EXPECT_EQ(answer.rfind("HTTP/1.1 200", 0), 0u) << answer;
+  EXPECT_EQ(count("SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE ANOMALY_STATE = 1"), 1);
 }

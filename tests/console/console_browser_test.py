@@ -3,11 +3,11 @@
 chromedriver and Selenium against the built tsanomalyctl.
 
 A simulated backup domain gets one real detection pass; the console serves
-it on a free loopback port. The browser opens the token address printed at
-start-up, filters the list by a client, opens an anomaly, reports it as a
+it on a free loopback port. The browser opens the address printed at
+start-up with the token from the token file, filters the list by a client, opens an anomaly, reports it as a
 false positive and sees the new state; after a second detection pass the
 page shows it learned and the job is in HIST_DATA with
-USER_IDENTIFIED_CLUSTER 1. The browser's log must hold no Content Security
+USER_IDENTIFIED_CLUSTER 1; signing out ends the session. The browser's log must hold no Content Security
 Policy violation.
 
 usage: console_browser_test.py TSANOMALYCTL [--screenshots DIR]
@@ -50,9 +50,13 @@ def start_console(ctl, db):
     deadline = time.time() + 20
     while time.time() < deadline:
         line = server.stdout.readline()
-        match = re.match(r"Open (http://127\.0\.0\.1:\d+)/\?token=(\S+) to sign in\.", line)
+        match = re.match(r"Open (http://127\.0\.0\.1:\d+)/\?token=TOKEN, with TOKEN the content of (.+), to sign in\.",
+                         line)
         if match:
-            return server, match.group(1), match.group(2)
+            with open(match.group(2)) as token_file:
+                token = token_file.read().strip()
+            check(token not in line, "the console printed its token")
+            return server, match.group(1), token
     server.kill()
     raise AssertionError("the console did not print its address")
 
@@ -133,6 +137,10 @@ def walk_through(driver, base, token, db, ctl, work, shots):
     driver.get(f"{base}/status")
     check(driver.find_element(By.CSS_SELECTOR, "[data-figure='false-positive-learned'] dd").text == "1",
           "the status page does not count the learned false positive")
+    driver.find_element(By.CSS_SELECTOR, "form.sign-out button").click()
+    WebDriverWait(driver, 20).until(lambda d: "Signed out" in d.title)
+    driver.get(f"{base}/status")
+    check("Sign-in needed" in driver.title, "the session outlived signing out: " + driver.title)
     violations = csp_violations(driver)
     check(not violations, "Content Security Policy violations: " + "; ".join(violations))
 

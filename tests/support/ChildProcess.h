@@ -27,6 +27,7 @@ class ChildProcess {
   // the rest of its output. Returns the raw wait status.
   int wait(std::chrono::milliseconds deadline = std::chrono::seconds(30));
 
+  pid_t pid() const { return pid_; }
   const std::string& out() const { return out_; }
   const std::string& err() const { return err_; }
   bool timed_out() const { return timed_out_; }
