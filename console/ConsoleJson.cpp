@@ -12,6 +12,8 @@
 namespace console_json {
 namespace {
 
+constexpr std::size_t kMaxPayloadBytes = 64 * 1024;
+
 std::string dump(const Json& root) { return root.dump({.compact = true, .keep_order = true}); }
 
 void set_time(Json& object, time_t t) {
@@ -39,6 +41,8 @@ Json feature(const std::string& member, const std::string& attribute, const Work
   Json points = Json::array();
   for (const HistoryPoint& p : history.history) points.append(point(p.backup_time, p.features[info->feature]));
   data.set("history", std::move(points));
+  data.set("history_jobs", Json::integer(history.history_jobs));
+  data.set("history_averaged", Json::boolean(history.averaged));
   data.set("job", point(history.job.backup_time, history.job.features[info->feature]));
   if (chart->usual()) {
     Json usual = Json::object();
@@ -88,7 +92,15 @@ std::string anomaly(const AnomalyDetail& detail) {
   root.set("summary", Json::string(record.summary));
   root.set("score", Json::string(record.score));
   root.set("job_in_queue", Json::boolean(detail.history.job_found));
-  root.set("payload", Json::parsed_or_string(record.payload));
+  // A payload the detector wrote is a few KiB; one grown beyond the bound
+  // is named by its size only, so the answer stays bounded.
+  if (record.payload.size() <= kMaxPayloadBytes) {
+    root.set("payload", Json::parsed_or_string(record.payload));
+  } else {
+    Json omitted = Json::object();
+    omitted.set("omitted_bytes", Json::integer(static_cast<long long>(record.payload.size())));
+    root.set("payload", std::move(omitted));
+  }
   Json features = Json::array();
   for (const auto& [member, attribute] : record.attributes) {
     features.append(feature(member, attribute, detail.history));

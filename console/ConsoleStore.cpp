@@ -52,11 +52,11 @@ std::vector<ListedAnomaly> ConsoleStore::list(const ListQuery& query) const {
   store.database().visit_records_prepared(st, [&](const RecordCursor& cursor) {
     ListedAnomaly& row = page.emplace_back();
     row.id = cursor.text(0);
-    row.client = cursor.text(1);
+    row.client = text::capped(cursor.text(1), kMaxNameBytes);
     row.detection_time = static_cast<time_t>(integer(cursor.text(2)));
-    row.policy = cursor.text(3);
-    row.summary = cursor.text(4);
-    row.score = cursor.text(5);
+    row.policy = text::capped(cursor.text(3), kMaxNameBytes);
+    row.summary = text::capped(cursor.text(4), kMaxNameBytes);
+    row.score = text::capped(cursor.text(5), kMaxNameBytes);
     row.state = state_from_number(integer(cursor.text(6)));
   });
   return page;

@@ -4,16 +4,22 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <limits>
 #include <stdexcept>
 #include <unistd.h>
 
 #include "contract/AnomalyPayload.h"
 #include "contract/PayloadMembers.h"
 #include "operator/DetectorDatabase.h"
+#include "schema/ConsoleSql.h"
+#include "contract/WorkloadKey.h"
+#include "storage/RecordCursor.h"
 #include "storage/Statement.h"
+#include "util/TimeUnits.h"
 #include "util/Text.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
+using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::RecordCursor;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Row;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Rows;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
@@ -23,19 +29,21 @@ namespace {
 
 void read_payload(AnomalyRecord& record) {
   anomaly_payload::Fields fields = anomaly_payload::parse(record.payload);
-  record.policy = std::move(fields.policy);
-  record.policy_type = std::move(fields.policy_type);
-  record.schedule_name = std::move(fields.schedule_name);
-  record.storage_name = std::move(fields.storage_name);
-  record.summary = std::move(fields.summary);
-  record.score = std::move(fields.score);
-  record.attributes = std::move(fields.attributes);
+  record.policy = text::capped(fields.policy, kMaxNameBytes);
+  record.policy_type = text::capped(fields.policy_type, kMaxNameBytes);
+  record.schedule_name = text::capped(fields.schedule_name, kMaxNameBytes);
+  record.storage_name = text::capped(fields.storage_name, kMaxNameBytes);
+  record.summary = text::capped(fields.summary, kMaxNameBytes);
+  record.score = text::capped(fields.score, kMaxNameBytes);
+  for (auto& [member, text] : fields.attributes) {
+    record.attributes.emplace_back(text::capped(member, kMaxNameBytes), text::capped(text, kMaxNameBytes));
+  }
 }
 
 AnomalyRecord to_record(Row& row) {
   AnomalyRecord record;
   record.id = std::string(row["ANOMALY_UNIQUE_ID"]);
-  record.client = std::string(row["CLIENT"]);
+  record.client = text::capped(std::string(row["CLIENT"]), kMaxNameBytes);
   record.detection_time = static_cast<int>(row["DETECTION_TIME"]);
   record.detection_key = std::string(row["DETECTION_KEY"]);
   record.payload = std::string(row["ANOMALY_PAYLOAD"]);
@@ -119,19 +127,60 @@ WorkloadHistory AnomalyStore::history_of(const AnomalyRecord& anomaly, std::opti
   Row& job = jobs[0];
   result.job_found = true;
   result.job = to_point(job);
-  Statement st(db_->handle,
-               "SELECT BACKUP_TIME, NUM_FILES, IMAGE_SIZE, KB_TRANSFERRED, TOTAL_TIME, DEDUP_RATE FROM HIST_DATA "
-               "WHERE CLIENT = ? AND POLICY = ? AND POLICY_TYPE = ? AND APP_TYPE = ? AND SCHEDULE_TYPE = ? AND "
-               "SCHEDULE_NAME = ? AND DESTINATION_STORAGE_NAME = ? AND ASSET_ID = ? AND MODE = 1 AND BACKUP_TIME >= ? "
-               "ORDER BY BACKUP_TIME");
-  int index = 1;
-  for (const char* column : {"CLIENT", "POLICY", "POLICY_TYPE", "APP_TYPE", "SCHEDULE_TYPE", "SCHEDULE_NAME",
-                             "DESTINATION_STORAGE_NAME", "ASSET_ID"}) {
-    st.bind(index++, std::string(job[column]));
-  }
-  st.bind(index, days ? static_cast<double>(result.job.backup_time) - 86400.0 * *days : -1e300);
-  Rows rows;
-  db_->read_data_prepared(st, rows);
-  for (Row& row : rows) result.history.push_back(to_point(row));
+  std::size_t index = 0;
+  for (const char* column : workload_key::kColumns) result.workload[index++] = std::string(job[column]);
+  result.workload[index++] = std::string(job[workload_key::kStorageColumn]);
+  result.workload[index] = std::string(job[workload_key::kAssetColumn]);
+  const time_t since = days ? result.job.backup_time - static_cast<time_t>(kSecondsPerDay) * *days
+                            : std::numeric_limits<time_t>::min();
+  HistorySample sample = sample_history(result.workload, since);
+  result.history = std::move(sample.points);
+  result.history_jobs = sample.jobs;
+  result.averaged = sample.averaged;
   return result;
+}
+
+namespace {
+
+// Binds the workload's values to ?1..?8 and the window's start to ?9.
+void bind_window(Statement& st, const WorkloadValues& workload, time_t since) {
+  int index = 1;
+  for (const std::string& value : workload) st.bind(index++, value);
+  st.bind(index, static_cast<double>(since));
+}
+
+HistoryPoint point_of(const RecordCursor& cursor) {
+  HistoryPoint point;
+  point.backup_time = static_cast<time_t>(std::strtoll(cursor.text(0), nullptr, 10));
+  for (const FeatureInfo& info : kFeatures) {
+    point.features[info.feature] = std::strtod(cursor.text(1 + static_cast<int>(info.feature)), nullptr);
+  }
+  return point;
+}
+
+}  // namespace
+
+HistorySample AnomalyStore::sample_history(const WorkloadValues& workload, time_t since) const {
+  HistorySample sample;
+  double first = 0, last = 0;
+  {
+    Statement st(db_->handle, console_sql::kHistoryExtent);
+    bind_window(st, workload, since);
+    db_->visit_records_prepared(st, [&](const RecordCursor& cursor) {
+      sample.jobs = std::strtoll(cursor.text(0), nullptr, 10);
+      first = std::strtod(cursor.text(1), nullptr);
+      last = std::strtod(cursor.text(2), nullptr);
+    });
+  }
+  if (sample.jobs == 0) return sample;
+  sample.averaged = sample.jobs > kMaxHistoryPoints;
+  Statement st(db_->handle, sample.averaged ? console_sql::kHistorySlices : console_sql::kHistoryJobs);
+  bind_window(st, workload, since);
+  if (sample.averaged) {
+    st.bind(10, first);
+    st.bind(11, static_cast<int>(kMaxHistoryPoints));
+    st.bind(12, last);
+  }
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) { sample.points.push_back(point_of(cursor)); });
+  return sample;
 }

@@ -102,6 +102,30 @@ inline const std::string kStateById =
 // false positive whose job it finds there.
 inline constexpr const char* kJobQueued = "SELECT COUNT(*) AS N FROM DATA_TO_PROCESS WHERE UNIQUE_KEY = ?1";
 
+// One workload's accepted history from a time on, for charts: ?1..?8 the
+// workload's key values in workload_key's order, ?9 the earliest backup
+// time. The workload index answers all three without touching the table.
+inline const std::string kHistoryWindow =
+    " FROM HIST_DATA WHERE CLIENT = ?1 AND POLICY = ?2 AND POLICY_TYPE = ?3 AND APP_TYPE = ?4 AND "
+    "SCHEDULE_TYPE = ?5 AND SCHEDULE_NAME = ?6 AND DESTINATION_STORAGE_NAME = ?7 AND ASSET_ID = ?8 AND MODE = 1 "
+    "AND BACKUP_TIME >= ?9";
+// N jobs in the window, FIRST and LAST backup time.
+inline const std::string kHistoryExtent =
+    "SELECT COUNT(*) AS N, COALESCE(MIN(BACKUP_TIME), 0) AS FIRST, COALESCE(MAX(BACKUP_TIME), 0) AS LAST" +
+    kHistoryWindow;
+// Every job of the window, oldest first: the backup time, then the five
+// features in matrix order.
+inline const std::string kHistoryJobs =
+    "SELECT BACKUP_TIME, NUM_FILES, IMAGE_SIZE, KB_TRANSFERRED, TOTAL_TIME, DEDUP_RATE" + kHistoryWindow +
+    " ORDER BY BACKUP_TIME";
+// The window cut into ?11 equal time slices from ?10 (its first backup) to
+// ?12 (its last): per slice the mean backup time and mean features, oldest
+// first, so a chart of a million jobs gets at most ?11 points.
+inline const std::string kHistorySlices =
+    "SELECT CAST(AVG(BACKUP_TIME) AS INTEGER), AVG(NUM_FILES), AVG(IMAGE_SIZE), AVG(KB_TRANSFERRED), "
+    "AVG(TOTAL_TIME), AVG(DEDUP_RATE)" + kHistoryWindow +
+    " GROUP BY CAST((BACKUP_TIME - ?10) * ?11 / (?12 - ?10 + 1) AS INTEGER) ORDER BY 1";
+
 // The verdicts. A false positive is the row the detector's next pass folds
 // into the history; an acknowledgement marks a real anomaly as handled.
 inline constexpr const char* kInsertFalsePositive =
