@@ -7,6 +7,7 @@
 #include "contract/Features.h"
 #include "report/HtmlReport.h"
 #include "util/Json.h"
+#include "console/TriageRequest.h"
 #include "console/UrlText.h"
 
 namespace console_json {
@@ -158,6 +159,26 @@ std::string verdict(const std::string& id, VerdictOutcome outcome, AnomalyState 
   root.set("id", Json::string(id));
   root.set("changed", Json::boolean(outcome == VerdictOutcome::recorded));
   root.set("state", Json::string(state_info(state).slug));
+  return dump(root);
+}
+
+std::string triage(Verdict verdict, const std::vector<std::string>& ids, const std::vector<VerdictOutcome>& outcomes) {
+  Json root = Json::object();
+  root.set("verdict", Json::string(verdict_slug(verdict)));
+  root.set("requested", Json::integer(static_cast<long long>(ids.size())));
+  long long changed = 0;
+  Json results = Json::array();
+  for (std::size_t i = 0; i < ids.size() && i < outcomes.size(); ++i) {
+    Json item = Json::object();
+    item.set("id", Json::string(ids[i]));
+    item.set("outcome", Json::string(outcome_slug(outcomes[i])));
+    item.set("changed", Json::boolean(outcomes[i] == VerdictOutcome::recorded));
+    item.set("message", Json::string(outcome_sentence(outcomes[i])));
+    changed += outcomes[i] == VerdictOutcome::recorded ? 1 : 0;
+    results.append(std::move(item));
+  }
+  root.set("changed", Json::integer(changed));
+  root.set("results", std::move(results));
   return dump(root);
 }
 

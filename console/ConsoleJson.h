@@ -17,6 +17,8 @@ std::string anomaly_list(const std::vector<ListedAnomaly>& rows, const ListTotal
 std::string anomaly(const AnomalyDetail& detail);
 std::string status(const StatusFigures& figures, const std::vector<std::pair<std::string, long long>>& per_day);
 std::string verdict(const std::string& id, VerdictOutcome outcome, AnomalyState state);
+// A verdict given to many: per anomaly, in the order asked, what it did.
+std::string triage(Verdict verdict, const std::vector<std::string>& ids, const std::vector<VerdictOutcome>& outcomes);
 std::string error(int status, const std::string& message);
 
 }  // namespace console_json

@@ -29,7 +29,22 @@ table.anomalies { width: 100%; border-collapse: collapse; background: #fff; bord
   border-radius: 10px; overflow: hidden; margin-top: 12px; }
 table.anomalies th, table.anomalies td { text-align: left; padding: 8px 10px; border-bottom: 1px solid #eef1f4;
   vertical-align: top; overflow-wrap: anywhere; }
-table.anomalies th { font-size: 11.5px; text-transform: uppercase; letter-spacing: 0.05em; color: #5b6573; }
+table.anomalies th { font-size: 11.5px; text-transform: uppercase; letter-spacing: 0.05em; color: #5b6573;
+  white-space: nowrap; overflow-wrap: normal; }
+table.anomalies td.score { white-space: nowrap; font-variant-numeric: tabular-nums; }
+.visually-hidden { position: absolute; width: 1px; height: 1px; overflow: hidden; clip: rect(0 0 0 0);
+  white-space: nowrap; }
+form.triage { display: flex; flex-wrap: wrap; gap: 8px 10px; align-items: center; margin: 14px 0 0; }
+form.triage .triage-label { color: #5b6573; }
+td.pick input { width: 20px; height: 20px; margin: 0; }
+:focus-visible { outline: 3px solid #f5a623; outline-offset: 2px; }
+fieldset.verdict { border: 1px solid #e1e6ec; border-radius: 10px; background: #fff; padding: 10px 16px; margin: 12px 0; }
+fieldset.verdict label { display: block; margin: 6px 0; }
+label.reason { display: block; margin: 12px 0; }
+label.reason textarea { display: block; width: 100%; max-width: 640px; min-height: 80px; font: inherit; }
+table.results { width: 100%; border-collapse: collapse; background: #fff; margin-top: 12px; }
+table.results td, table.results th { text-align: left; padding: 6px 10px; border-bottom: 1px solid #eef1f4;
+  overflow-wrap: anywhere; }
 .state { display: inline-block; border-radius: 999px; padding: 1px 10px; font-size: 12.5px; white-space: nowrap; }
 .state-open { background: #fdecea; color: #8a1c14; }
 .state-false-positive-waiting { background: #fff4e5; color: #8a4b00; }
@@ -43,10 +58,25 @@ dl.figures div { background: #fff; border: 1px solid #e1e6ec; border-radius: 10p
 dl.figures dt { font-size: 11.5px; text-transform: uppercase; letter-spacing: 0.05em; color: #5b6573; }
 dl.figures dd { margin: 2px 0 0; font-size: 24px; font-weight: 650; font-variant-numeric: tabular-nums; }
 svg.days { width: 100%; height: auto; background: #fff; border: 1px solid #e1e6ec; border-radius: 10px; }
-@media (max-width: 640px) { table.anomalies .wide { display: none; } .page { padding: 16px 10px 32px; } }
+@media (max-width: 640px) {
+  .page { padding: 16px 10px 32px; }
+  table.anomalies, table.anomalies tbody, table.anomalies tr, table.anomalies td { display: block; width: 100%; }
+  table.anomalies thead { display: none; }
+  table.anomalies { border: 0; background: none; }
+  table.anomalies tr { background: #fff; border: 1px solid #e1e6ec; border-radius: 10px; margin: 0 0 10px;
+    padding: 6px 4px; }
+  table.anomalies td { border: 0; padding: 3px 10px; }
+  table.anomalies td[data-label]::before { content: attr(data-label); display: block; font-size: 11px;
+    color: #5b6573; text-transform: uppercase; letter-spacing: 0.05em; }
+  .features { grid-template-columns: minmax(0, 1fr); }
+  table.results, table.results tbody, table.results tr, table.results td { display: block; }
+  table.alerts { display: block; overflow-x: auto; }
+}
 )";
 
 std::string attr(const std::string& text) { return html_escape(text); }
+
+}  // namespace
 
 std::string layout(const std::string& title, const std::string& body) {
   return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
@@ -57,6 +87,8 @@ std::string layout(const std::string& title, const std::string& body) {
          "<a href=\"/status\">Status</a></nav>\n" +
          body + "</div>\n</body>\n</html>\n";
 }
+
+namespace {
 
 std::string state_badge(AnomalyState state) {
   const AnomalyStateInfo& info = state_info(state);
@@ -97,12 +129,37 @@ std::string page_link(const FilterForm& form, long long page, const char* text) 
 
 std::string or_dash(const std::string& text) { return text.empty() ? "\xE2\x80\x94" : html_escape(text); }
 
+// One anomaly of the list; on a narrow screen each cell shows its
+// column's name (data-label), since the row becomes a card.
 std::string anomaly_row(const ListedAnomaly& row) {
-  return "<tr data-anomaly-id=\"" + attr(row.id) + "\"><td><a class=\"anomaly-link\" href=\"" +
-         attr(anomaly_path(row.id)) + "\">" + html_escape(local_time_text(row.detection_time)) +
-         "</a></td><td class=\"client\">" + or_dash(row.client) + "</td><td class=\"wide\">" + or_dash(row.policy) +
-         "</td><td class=\"wide\">" + or_dash(row.summary) + "</td><td>" + or_dash(row.score) + "</td><td>" +
-         state_badge(row.state) + "</td></tr>\n";
+  const std::string when = html_escape(local_time_text(row.detection_time));
+  return "<tr data-anomaly-id=\"" + attr(row.id) + "\"><td class=\"pick\"><input type=\"checkbox\" form=\"triage\" "
+         "name=\"id\" value=\"" + attr(row.id) + "\" aria-label=\"Select the anomaly of " + attr(row.client) +
+         " detected " + when + "\"></td><td data-label=\"Detected\"><a class=\"anomaly-link\" href=\"" +
+         attr(anomaly_path(row.id)) + "\">" + when + "</a></td><td class=\"client\" data-label=\"Client\">" +
+         or_dash(row.client) + "</td><td data-label=\"Policy\"><a class=\"workload-link\" href=\"" +
+         attr(workload_path_of(row.id)) + "\" title=\"The workload's history\">" + or_dash(row.policy) +
+         "</a></td><td data-label=\"Out of range\">" + or_dash(row.summary) + "</td><td class=\"score\" "
+         "data-label=\"Score\">" + or_dash(row.score) + "</td><td data-label=\"State\">" + state_badge(row.state) +
+         "</td></tr>\n";
+}
+
+// The list's triage form: the rows' boxes belong to it (form="triage"), and
+// its three buttons choose the anomalies the confirmation page counts.
+std::string triage_form(const ListView& view) {
+  std::string out = "<form id=\"triage\" class=\"triage\" method=\"post\" action=\"/triage\">"
+                    "<input type=\"hidden\" name=\"csrf\" value=\"" + attr(view.csrf) + "\">" +
+                    hidden_filter(view.form);
+  for (const ListedAnomaly& row : view.rows) {
+    out += "<input type=\"hidden\" name=\"page_id\" value=\"" + attr(row.id) + "\">";
+  }
+  out += "<span class=\"triage-label\">Give a verdict to</span>"
+         "<button type=\"submit\" class=\"secondary\" name=\"scope\" value=\"ids\">the selected\xE2\x80\xA6</button>"
+         "<button type=\"submit\" class=\"secondary\" name=\"scope\" value=\"page\">the " +
+         std::to_string(view.rows.size()) + " on this page\xE2\x80\xA6</button>"
+         "<button type=\"submit\" class=\"secondary\" name=\"scope\" value=\"filter\">all " +
+         std::to_string(view.totals.anomalies) + " the filter matches\xE2\x80\xA6</button></form>\n";
+  return out;
 }
 
 // A verdict form: a POST to the anomaly's own action URL with the session's
@@ -155,8 +212,10 @@ std::string list_page(const ListView& view) {
   if (view.rows.empty()) {
     body += "<div class=\"empty\"><strong>No anomalies</strong>Nothing matches this filter.</div>\n";
   } else {
-    body += "<table class=\"anomalies\"><thead><tr><th>Detected</th><th>Client</th><th class=\"wide\">Policy</th>"
-            "<th class=\"wide\">Out of range</th><th>Score</th><th>State</th></tr></thead><tbody>\n";
+    body += triage_form(view);
+    body += "<table class=\"anomalies\"><thead><tr><th><span class=\"visually-hidden\">Select</span></th>"
+            "<th>Detected</th><th>Client</th><th>Policy</th><th>Out of range</th><th>Score</th><th>State</th></tr>"
+            "</thead><tbody>\n";
     for (const ListedAnomaly& row : view.rows) body += anomaly_row(row);
     body += "</tbody></table>\n";
   }
@@ -254,6 +313,17 @@ std::string status_page(const StatusFigures& figures, const std::vector<std::pai
 std::string message_page(const std::string& title, const std::string& text) {
   return layout(title, "<div class=\"empty\"><strong>" + html_escape(title) + "</strong>" + html_escape(text) +
                            "</div>\n");
+}
+
+std::string hidden_filter(const FilterForm& form) {
+  std::string out;
+  const std::pair<const char*, const std::string*> fields[] = {
+      {"client", &form.client}, {"policy", &form.policy}, {"from", &form.from}, {"to", &form.to},
+      {"state", &form.state}};
+  for (const auto& [name, value] : fields) {
+    out += std::string("<input type=\"hidden\" name=\"") + name + "\" value=\"" + attr(*value) + "\">";
+  }
+  return out;
 }
 
 std::string stylesheet() { return std::string(HtmlReport::stylesheet()) + kConsoleStyle; }

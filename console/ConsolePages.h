@@ -23,6 +23,7 @@ struct FilterForm {
 
 struct ListView {
   FilterForm form;
+  std::string csrf;  // the session's, for the triage form
   std::vector<ListedAnomaly> rows;
   ListTotals totals;
   long long page = 1;  // 1-based
@@ -39,6 +40,11 @@ std::string status_page(const StatusFigures& figures, const std::vector<std::pai
                         time_t now);
 
 std::string message_page(const std::string& title, const std::string& text);
+
+// The console's frame around a page's body: head, stylesheet, navigation.
+std::string layout(const std::string& title, const std::string& body);
+// The filter's fields as hidden inputs, to carry it through a form.
+std::string hidden_filter(const FilterForm& form);
 
 // /console.css: the report's styles and the console's own.
 std::string stylesheet();

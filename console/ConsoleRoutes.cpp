@@ -64,6 +64,9 @@ const std::vector<ConsoleServer::Impl::Route>& ConsoleServer::Impl::route_table(
       {Get, "/", &Impl::list_page},
       {Get, R"(/console\.css)", &Impl::stylesheet_file},
       {Get, "/status", &Impl::status_page},
+      {Post, "/triage", &Impl::triage_confirm},
+      {Post, "/triage/apply", &Impl::triage_apply},
+      {Post, "/api/v1/verdicts", &Impl::api_verdicts},
       {Post, R"(/anomalies/(.+)/(false-positive|acknowledge))", &Impl::verdict_form},
       {Get, R"(/anomalies/(.+))", &Impl::anomaly_page},
       {Get, "/api/v1/anomalies", &Impl::api_anomaly_list},
@@ -75,16 +78,47 @@ const std::vector<ConsoleServer::Impl::Route>& ConsoleServer::Impl::route_table(
   return table;
 }
 
+namespace {
+
+// A POST's body as its handler reads it, form fields added to the
+// parameters. A request that announces no body (neither Content-Length nor
+// chunked transfer, as `curl -X POST` sends) has an empty one; the
+// library's own reading would refuse it, so these routes read for
+// themselves.
+Request with_body(const Request& req, const httplib::ContentReader& reader) {
+  Request full = req;
+  if (!req.has_header("Content-Length") && !req.has_header("Transfer-Encoding")) return full;
+  const std::string too_large = "the request's body is over " + std::to_string(ConsoleServer::kMaxBodyBytes) + " bytes";
+  if (req.get_header_value<uint64_t>("Content-Length") > ConsoleServer::kMaxBodyBytes) throw RequestError(413, too_large);
+  const bool read = reader([&](const char* data, std::size_t length) {
+    if (full.body.size() + length > ConsoleServer::kMaxBodyBytes) return false;
+    full.body.append(data, length);
+    return true;
+  });
+  if (!read) {
+    if (full.body.size() >= ConsoleServer::kMaxBodyBytes) throw RequestError(413, too_large);
+    throw RequestError(400, "the request's body could not be read whole");
+  }
+  if (req.get_header_value("Content-Type").rfind("application/x-www-form-urlencoded", 0) == 0) {
+    httplib::detail::parse_query_text(full.body, full.params);
+  }
+  return full;
+}
+
+}  // namespace
+
 void ConsoleServer::Impl::routes() {
   httplib::Server& s = *server;
   for (const Route& route : route_table()) {
-    const auto handle = [this, handler = route.handler](const Request& req, Response& res) {
-      (this->*handler)(req, res);
-    };
     if (route.method == Route::Method::Post) {
-      s.Post(route.pattern, handle);
+      s.Post(route.pattern, [this, handler = route.handler](const Request& req, Response& res,
+                                                            const httplib::ContentReader& reader) {
+        (this->*handler)(with_body(req, reader), res);
+      });
     } else {
-      s.Get(route.pattern, handle);
+      s.Get(route.pattern, [this, handler = route.handler](const Request& req, Response& res) {
+        (this->*handler)(req, res);
+      });
     }
   }
   const auto refuse = [this](const Request& req, Response& res) { method_not_allowed(req, res); };
@@ -118,6 +152,7 @@ void ConsoleServer::Impl::list_page(const Request& req, Response& res) {
   view.has_more = static_cast<long long>(view.rows.size()) > kPageSize;
   if (view.has_more) view.rows.pop_back();
   view.totals = store.totals(query, std::time(nullptr));
+  view.csrf = sessions.csrf_of(cookie(req, kSessionCookie)).value_or("");
   res.set_content(console_pages::list_page(view), "text/html; charset=utf-8");
 }
 

@@ -91,4 +91,7 @@ struct ConsoleServer::Impl {
   void api_anomaly(const httplib::Request& req, httplib::Response& res);
   void api_status(const httplib::Request& req, httplib::Response& res);
   void metrics_page(const httplib::Request& req, httplib::Response& res);
+  void triage_confirm(const httplib::Request& req, httplib::Response& res);
+  void triage_apply(const httplib::Request& req, httplib::Response& res);
+  void api_verdicts(const httplib::Request& req, httplib::Response& res);
 };

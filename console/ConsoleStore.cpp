@@ -75,6 +75,16 @@ ListTotals ConsoleStore::totals(const ListQuery& query, time_t now) const {
   return totals;
 }
 
+std::vector<std::string> ConsoleStore::ids(const ListQuery& query, long long limit) const {
+  AnomalyStore store(path_);
+  std::vector<Bound> values = filter_values(query);
+  values.emplace_back(static_cast<double>(limit));
+  Prepared st(store.database(), console_sql::kListIds, values);
+  std::vector<std::string> ids;
+  store.database().visit_records_prepared(st, [&](const RecordCursor& cursor) { ids.emplace_back(cursor.text(0)); });
+  return ids;
+}
+
 std::optional<AnomalyDetail> ConsoleStore::detail(const std::string& id, int days) const {
   AnomalyStore store(path_);
   // One read transaction: the state, the record and the history agree.
@@ -117,4 +127,9 @@ VerdictOutcome ConsoleStore::report_false_positive(const std::string& id) const 
 
 VerdictOutcome ConsoleStore::acknowledge(const std::string& id) const {
   return give_verdict(path_, id, Verdict::acknowledged);
+}
+
+std::vector<VerdictOutcome> ConsoleStore::give(const std::vector<std::string>& ids, Verdict verdict,
+                                               const std::string& reason) const {
+  return give_verdicts(path_, ids, verdict, reason);
 }

@@ -82,6 +82,10 @@ inline const std::string kListPage =
     " AS STATE FROM (SELECT p.rowid AS R FROM ANOMALY_DATA p WHERE " + list_filter("p") +
     " ORDER BY R DESC LIMIT ?6 OFFSET ?7) page JOIN ANOMALY_DATA a ON a.rowid = page.R ORDER BY page.R DESC";
 
+// The ids of the filtered list, the latest reported first: at most ?6.
+inline const std::string kListIds =
+    "SELECT a.ANOMALY_UNIQUE_ID AS ID FROM ANOMALY_DATA a WHERE " + list_filter("a") + " ORDER BY a.rowid DESC LIMIT ?6";
+
 // The figures of the filtered list's tiles: N all, CLIENTS distinct clients,
 // DAY and WEEK detected at or after ?6 and ?7.
 inline const std::string kListTotals =
@@ -132,5 +136,15 @@ inline constexpr const char* kInsertFalsePositive =
     "INSERT INTO ANOMALY_DATA_FEEDBACK (ANOMALY_UNIQUE_ID, FEEDBACK) VALUES (?1, 1)";
 inline constexpr const char* kAcknowledge =
     "UPDATE ANOMALY_DATA SET ANOMALY_STATE = 1 WHERE ANOMALY_UNIQUE_ID = ?1 AND ANOMALY_STATE = 0";
+
+// The operators' reasons for their verdicts: a table of the operator's
+// tools, not of the detector (which never reads it), made by the first
+// verdict given with a reason. VERDICT is "false-positive" or
+// "acknowledge", GIVEN_AT epoch seconds.
+inline constexpr const char* kCreateVerdictReason =
+    "CREATE TABLE IF NOT EXISTS VERDICT_REASON (ANOMALY_UNIQUE_ID TEXT NOT NULL, VERDICT TEXT NOT NULL, "
+    "REASON TEXT NOT NULL, GIVEN_AT INTEGER NOT NULL)";
+inline constexpr const char* kInsertVerdictReason =
+    "INSERT INTO VERDICT_REASON (ANOMALY_UNIQUE_ID, VERDICT, REASON, GIVEN_AT) VALUES (?1, ?2, ?3, ?4)";
 
 }  // namespace console_sql
