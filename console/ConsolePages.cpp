@@ -120,10 +120,15 @@ std::string filter_form(const FilterForm& form) {
   return out;
 }
 
+// The filter as a query string, for links that keep it.
+std::string filter_query(const FilterForm& form) {
+  return "client=" + percent_encode(form.client) + "&policy=" + percent_encode(form.policy) +
+         "&from=" + percent_encode(form.from) + "&to=" + percent_encode(form.to) +
+         "&state=" + percent_encode(form.state);
+}
+
 std::string page_link(const FilterForm& form, long long page, const char* text) {
-  std::string query = "client=" + percent_encode(form.client) + "&policy=" + percent_encode(form.policy) +
-                      "&from=" + percent_encode(form.from) + "&to=" + percent_encode(form.to) +
-                      "&state=" + percent_encode(form.state) + "&page=" + std::to_string(page);
+  const std::string query = filter_query(form) + "&page=" + std::to_string(page);
   return "<a rel=\"" + std::string(page > 1 ? "next" : "prev") + "\" href=\"/?" + attr(query) + "\">" + text + "</a>";
 }
 
@@ -224,6 +229,8 @@ std::string list_page(const ListView& view) {
   body += "</span><span>Page " + std::to_string(view.page) + "</span><span>";
   if (view.has_more) body += page_link(view.form, view.page + 1, "Older \xE2\x86\x92");
   body += "</span></div>\n";
+  body += "<p><a class=\"csv\" href=\"/anomalies.csv?" + attr(filter_query(view.form)) +
+          "\" download>Download the filtered list as CSV</a></p>\n";
   return layout("Anomalies", body);
 }
 

@@ -4,6 +4,7 @@
 #include <regex>
 #include <vector>
 
+#include "console/AnomalyCsv.h"
 #include "console/ConsoleJson.h"
 #include "console/ConsolePages.h"
 #include "console/ConsoleServerImpl.h"
@@ -63,6 +64,7 @@ const std::vector<ConsoleServer::Impl::Route>& ConsoleServer::Impl::route_table(
   static const std::vector<Route> table = {
       {Get, "/", &Impl::list_page},
       {Get, R"(/console\.css)", &Impl::stylesheet_file},
+      {Get, R"(/anomalies\.csv)", &Impl::csv_export},
       {Get, "/status", &Impl::status_page},
       {Post, "/triage", &Impl::triage_confirm},
       {Post, "/triage/apply", &Impl::triage_apply},
@@ -154,6 +156,16 @@ void ConsoleServer::Impl::list_page(const Request& req, Response& res) {
   view.totals = store.totals(query, std::time(nullptr));
   view.csrf = sessions.csrf_of(cookie(req, kSessionCookie)).value_or("");
   res.set_content(console_pages::list_page(view), "text/html; charset=utf-8");
+}
+
+// The filtered list as CSV, kMaxCsvRows rows a file from offset on.
+void ConsoleServer::Impl::csv_export(const Request& req, Response& res) {
+  console_pages::FilterForm form;
+  ListQuery query = list_query(req, form);
+  query.limit = number_param(req, "limit", kMaxCsvRows, 1, kMaxCsvRows);
+  query.offset = number_param(req, "offset", 0, 0, kMaxOffset);
+  res.set_header("Content-Disposition", "attachment; filename=\"anomalies.csv\"");
+  res.set_content(anomaly_csv(store.list(query)), "text/csv; charset=utf-8");
 }
 
 void ConsoleServer::Impl::stylesheet_file(const Request&, Response& res) {

@@ -26,6 +26,7 @@ constexpr long long kPageSize = 50;
 constexpr long long kMaxApiLimit = 500;
 constexpr long long kMaxOffset = 1000000000;
 constexpr int kChartDays = 180;
+constexpr long long kMaxCsvRows = 10000;
 constexpr std::chrono::seconds kHistoryRecount{60};
 
 }  // namespace console_server
@@ -94,4 +95,5 @@ struct ConsoleServer::Impl {
   void triage_confirm(const httplib::Request& req, httplib::Response& res);
   void triage_apply(const httplib::Request& req, httplib::Response& res);
   void api_verdicts(const httplib::Request& req, httplib::Response& res);
+  void csv_export(const httplib::Request& req, httplib::Response& res);
 };

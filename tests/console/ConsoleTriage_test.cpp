@@ -150,3 +150,23 @@ TEST_F(ConsoleTriageTest, APostWithoutBodyOrLengthIsAccepted) {
             "HTTP/1.1 200 OK");
   EXPECT_EQ(count("SELECT COUNT(*) FROM ANOMALY_DATA WHERE ANOMALY_STATE = 0"), 0);
 }
+
+TEST_F(ConsoleTriageTest, TheCsvExportKeepsHostileNamesInertAndTheFilter) {
+  const std::string hostile = "=HYPERLINK(\"http://evil.example\",\"x\"),\r\n@SUM(1)";
+  const std::string id = add_anomaly(hostile, "990101");
+  add_anomaly("+plain", "990102");
+  ASSERT_TRUE(start());
+  auto res = client().Get("/anomalies.csv?client=" + percent_encode(hostile), {{"Cookie", sign_in()}});
+  ASSERT_TRUE(res);
+  ASSERT_EQ(res->status, 200) << res->body;
+  EXPECT_EQ(res->get_header_value("Content-Type"), "text/csv; charset=utf-8");
+  EXPECT_EQ(res->body.rfind("\"id\",", 0), 0u);
+  EXPECT_NE(res->body.find("\"" + id + "\""), std::string::npos);
+  EXPECT_NE(res->body.find(",\"'=HYPERLINK(\"\"http://evil.example\"\",\"\"x\"\"),\r\n@SUM(1)\","), std::string::npos)
+      << res->body;
+  EXPECT_EQ(res->body.find("+plain"), std::string::npos) << "the filter is not applied";
+  res = client().Get("/anomalies.csv?client=" + percent_encode("+plain") + "&limit=0", {{"Cookie", sign_in()}});
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 400);
+  EXPECT_NE(res->body.find("limit must be a whole number"), std::string::npos);
+}
