@@ -79,7 +79,7 @@ std::string anomaly_list(const std::vector<ListedAnomaly>& rows, const ListTotal
   return dump(root);
 }
 
-std::string anomaly(const AnomalyDetail& detail) {
+std::string anomaly(const AnomalyDetail& detail, Json why) {
   const AnomalyRecord& record = detail.record;
   Json root = Json::object();
   root.set("id", Json::string(record.id));
@@ -107,6 +107,8 @@ std::string anomaly(const AnomalyDetail& detail) {
     features.append(feature(member, attribute, detail.history));
   }
   root.set("features", std::move(features));
+  root.set("why", std::move(why));
+  root.set("workload_url", Json::string(workload_path_of(record.id)));
   return dump(root);
 }
 

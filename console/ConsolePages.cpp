@@ -50,6 +50,18 @@ table.results td, table.results th { text-align: left; padding: 6px 10px; border
 .state-false-positive-waiting { background: #fff4e5; color: #8a4b00; }
 .state-false-positive-learned { background: #e6f4ea; color: #1e6b3a; }
 .state-acknowledged { background: #e8ecf1; color: #3d4752; }
+circle.mark-open { fill: #d93025; } circle.mark-acknowledged { fill: #5b6573; }
+circle.mark-false-positive-waiting { fill: #f29900; } circle.mark-false-positive-learned { fill: #1e8e3e; }
+.legend span[class^="m-"]::before { width: 10px; height: 10px; border-radius: 50%; }
+.legend .m-open::before { background: #d93025; } .legend .m-acknowledged::before { background: #5b6573; }
+.legend .m-false-positive-waiting::before { background: #f29900; }
+.legend .m-false-positive-learned::before { background: #1e8e3e; }
+section.why { background: #fff; border: 1px solid #e1e6ec; border-radius: 10px; padding: 14px 18px; margin: 16px 0; }
+section.why h2 { margin: 0 0 6px; font-size: 18px; }
+table.readings { border-collapse: collapse; width: 100%; margin: 8px 0; }
+table.readings td, table.readings th { text-align: left; padding: 4px 8px; border-bottom: 1px solid #eef1f4;
+  overflow-wrap: anywhere; }
+ol.rules li { margin: 4px 0; }
 .pager { display: flex; justify-content: space-between; margin: 12px 0; }
 .actions { display: flex; gap: 12px; flex-wrap: wrap; margin: 12px 0 16px; }
 .result { background: #e6f4ea; border: 1px solid #b7dfc3; border-radius: 8px; padding: 9px 12px; margin: 12px 0; }
@@ -173,8 +185,8 @@ std::string action_form(const std::string& id, const char* action, const char* l
                         bool primary) {
   return "<form method=\"post\" action=\"" + attr(anomaly_path(id) + "/" + action) +
          "\"><input type=\"hidden\" name=\"csrf\" value=\"" + attr(csrf) + "\"><button type=\"submit\" class=\"" +
-         (primary ? "primary" : "secondary") + "\" name=\"action\" value=\"" + action + "\">" + label +
-         "</button></form>";
+         (primary ? "primary" : "secondary") + "\" name=\"action\" value=\"" + action + "\" aria-label=\"" + label +
+         ": anomaly " + attr(id) + "\">" + label + "</button></form>";
 }
 
 // Thirty bars, one per local day ending today.
@@ -234,13 +246,13 @@ std::string list_page(const ListView& view) {
   return layout("Anomalies", body);
 }
 
-std::string anomaly_page(const AnomalyDetail& detail, const std::string& csrf, const std::string& result,
-                         time_t now) {
+std::string anomaly_page(const AnomalyDetail& detail, const std::string& why, const std::string& csrf,
+                         const std::string& result, time_t now) {
   const AnomalyRecord& record = detail.record;
   std::string body = "<p><a href=\"/\">\xE2\x86\x90 All anomalies</a></p>\n";
   body += "<p class=\"current-state\">State: " + state_badge(detail.state) + "</p>\n";
   if (!result.empty()) body += "<p class=\"result\" role=\"status\">" + html_escape(result) + "</p>\n";
-  body += "<div class=\"actions\">";
+  body += "<div class=\"actions\" role=\"group\" aria-label=\"Verdict\">";
   body += action_form(record.id, "false-positive", "Report as false positive", csrf, true);
   body += action_form(record.id, "acknowledge", "Acknowledge", csrf, false);
   body += "</div>\n";
@@ -248,6 +260,9 @@ std::string anomaly_page(const AnomalyDetail& detail, const std::string& csrf, c
           "<span class=\"l-band\">usual range of the most similar jobs</span>"
           "<span class=\"l-job\">the anomalous job</span></div>\n";
   body += HtmlReport::card(record, detail.history, now);
+  body += "<p><a class=\"workload-link\" href=\"" + attr(workload_path_of(record.id)) +
+          "\">The workload's history, anomalies and model \xE2\x86\x92</a></p>\n";
+  body += why;
   return layout("Anomaly " + record.id, body);
 }
 

@@ -33,8 +33,9 @@ struct ListView {
 std::string list_page(const ListView& view);
 
 // result: a sentence on what the last action did, shown above the card.
-std::string anomaly_page(const AnomalyDetail& detail, const std::string& csrf, const std::string& result,
-                         time_t now);
+// why: the panel "Why this was flagged" (see WhyFlagged), placed after the card.
+std::string anomaly_page(const AnomalyDetail& detail, const std::string& why, const std::string& csrf,
+                         const std::string& result, time_t now);
 
 std::string status_page(const StatusFigures& figures, const std::vector<std::pair<std::string, long long>>& per_day,
                         time_t now);

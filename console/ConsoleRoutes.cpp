@@ -11,6 +11,8 @@
 #include "console/MetricsText.h"
 #include "console/StatusMetrics.h"
 #include "console/UrlText.h"
+#include "console/WhyFlagged.h"
+#include "console/WorkloadView.h"
 #include "util/TimeUnits.h"
 
 using httplib::Request;
@@ -71,6 +73,7 @@ const std::vector<ConsoleServer::Impl::Route>& ConsoleServer::Impl::route_table(
       {Post, "/api/v1/verdicts", &Impl::api_verdicts},
       {Post, R"(/anomalies/(.+)/(false-positive|acknowledge))", &Impl::verdict_form},
       {Get, R"(/anomalies/(.+))", &Impl::anomaly_page},
+      {Get, "/workloads", &Impl::workload_page},
       {Get, "/api/v1/anomalies", &Impl::api_anomaly_list},
       {Post, R"(/api/v1/anomalies/(.+)/(false-positive|acknowledge))", &Impl::verdict_api},
       {Get, R"(/api/v1/anomalies/(.+))", &Impl::api_anomaly},
@@ -182,9 +185,19 @@ void ConsoleServer::Impl::anomaly_page(const Request& req, Response& res) {
   const auto detail = store.detail(req.matches[1], kChartDays);
   if (!detail) throw RequestError(404, "There is no anomaly with this id.");
   const auto csrf = sessions.csrf_of(cookie(req, kSessionCookie));
-  res.set_content(console_pages::anomaly_page(*detail, csrf.value_or(""),
+  const WhyFlagged why = why_flagged(config.database, detail->record, detail->history.job_found, replay_settings());
+  res.set_content(console_pages::anomaly_page(*detail, why_panel(why, detail->record), csrf.value_or(""),
                                               result_sentence(req.get_param_value("result")), std::time(nullptr)),
                   "text/html; charset=utf-8");
+}
+
+void ConsoleServer::Impl::workload_page(const Request& req, Response& res) {
+  const std::string id = req.get_param_value("anomaly");
+  if (id.empty()) throw RequestError(400, "name the workload by one of its anomalies: /workloads?anomaly=ID");
+  const int days = static_cast<int>(number_param(req, "days", kDefaultWorkloadDays, 1, kMaxWorkloadDays));
+  const auto view = workload_view(config.database, id, days, std::time(nullptr), replay_settings());
+  if (!view) throw RequestError(404, "There is no anomaly with this id, or its job is no longer known.");
+  res.set_content(::workload_page(*view), "text/html; charset=utf-8");
 }
 
 void ConsoleServer::Impl::api_anomaly_list(const Request& req, Response& res) {
@@ -199,7 +212,8 @@ void ConsoleServer::Impl::api_anomaly_list(const Request& req, Response& res) {
 void ConsoleServer::Impl::api_anomaly(const Request& req, Response& res) {
   const auto detail = store.detail(req.matches[1], kChartDays);
   if (!detail) throw RequestError(404, "no anomaly '" + std::string(req.matches[1]) + "'");
-  res.set_content(console_json::anomaly(*detail), "application/json");
+  const WhyFlagged why = why_flagged(config.database, detail->record, detail->history.job_found, replay_settings());
+  res.set_content(console_json::anomaly(*detail, why_json(why, detail->record)), "application/json");
 }
 
 void ConsoleServer::Impl::api_status(const Request&, Response& res) {

@@ -184,3 +184,43 @@ HistorySample AnomalyStore::sample_history(const WorkloadValues& workload, time_
   db_->visit_records_prepared(st, [&](const RecordCursor& cursor) { sample.points.push_back(point_of(cursor)); });
   return sample;
 }
+
+std::optional<WorkloadValues> AnomalyStore::workload_of(const std::string& unique_key) const {
+  Statement st(db_->handle, console_sql::kWorkloadOfJob);
+  st.bind(1, unique_key);
+  std::optional<WorkloadValues> found;
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) {
+    found.emplace();
+    for (std::size_t i = 0; i < found->size(); ++i) (*found)[i] = cursor.text(static_cast<int>(i));
+  });
+  return found;
+}
+
+std::optional<std::pair<double, time_t>> AnomalyStore::model_of(const WorkloadValues& workload) const {
+  Statement st(db_->handle, console_sql::kModelOfWorkload);
+  int index = 1;
+  for (const std::string& value : workload) st.bind(index++, value);
+  std::optional<std::pair<double, time_t>> model;
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) {
+    model.emplace(std::strtod(cursor.text(0), nullptr), static_cast<time_t>(std::strtoll(cursor.text(1), nullptr, 10)));
+  });
+  return model;
+}
+
+long long AnomalyStore::rows_on_any_storage(const WorkloadValues& workload) const {
+  Statement st(db_->handle, console_sql::kWorkloadRowsAnyStorage);
+  for (int i = 0; i < static_cast<int>(workload_key::kColumns.size()); ++i) st.bind(i + 1, workload[i]);
+  long long rows = 0;
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) { rows = std::strtoll(cursor.text(0), nullptr, 10); });
+  return rows;
+}
+
+std::optional<time_t> AnomalyStore::newest_backup(const WorkloadValues& workload) const {
+  Statement st(db_->handle, console_sql::kHistoryNewest);
+  bind_window(st, workload, std::numeric_limits<time_t>::min());
+  time_t newest = 0;
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) {
+    newest = static_cast<time_t>(std::strtoll(cursor.text(0), nullptr, 10));
+  });
+  return newest != 0 ? std::optional<time_t>(newest) : std::nullopt;
+}

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "contract/Features.h"
@@ -96,6 +97,14 @@ class AnomalyStore {
   // workload (same client, policy, schedule, application, storage, asset);
   // with days, only the history of that many days before the job.
   WorkloadHistory history_of(const AnomalyRecord& anomaly, std::optional<int> days = std::nullopt) const;
+  // The workload of a job, by its key: queued, or already in the history.
+  std::optional<WorkloadValues> workload_of(const std::string& unique_key) const;
+  // The workload's calibrated eps and when it was calibrated, if it has one.
+  std::optional<std::pair<double, time_t>> model_of(const WorkloadValues& workload) const;
+  // The workload's history rows on every storage.
+  long long rows_on_any_storage(const WorkloadValues& workload) const;
+  // The backup time of the workload's newest accepted job, if any.
+  std::optional<time_t> newest_backup(const WorkloadValues& workload) const;
   // One workload's accepted jobs detected at or after since.
   HistorySample sample_history(const WorkloadValues& workload, time_t since) const;
 

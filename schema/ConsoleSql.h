@@ -117,6 +117,8 @@ inline const std::string kHistoryWindow =
 inline const std::string kHistoryExtent =
     "SELECT COUNT(*) AS N, COALESCE(MIN(BACKUP_TIME), 0) AS FIRST, COALESCE(MAX(BACKUP_TIME), 0) AS LAST" +
     kHistoryWindow;
+// The newest backup time of the window (?9 the earliest), 0 for none.
+inline const std::string kHistoryNewest = "SELECT COALESCE(MAX(BACKUP_TIME), 0) AS N" + kHistoryWindow;
 // Every job of the window, oldest first: the backup time, then the five
 // features in matrix order.
 inline const std::string kHistoryJobs =
@@ -129,6 +131,46 @@ inline const std::string kHistorySlices =
     "SELECT CAST(AVG(BACKUP_TIME) AS INTEGER), AVG(NUM_FILES), AVG(IMAGE_SIZE), AVG(KB_TRANSFERRED), "
     "AVG(TOTAL_TIME), AVG(DEDUP_RATE)" + kHistoryWindow +
     " GROUP BY CAST((BACKUP_TIME - ?10) * ?11 / (?12 - ?10 + 1) AS INTEGER) ORDER BY 1";
+
+// The workload key of a job by its UNIQUE_KEY, in workload_key's order:
+// from the queue while it is there, from the history once a pass took it in.
+inline const std::string kWorkloadOfJob =
+    "SELECT " + workload_key::column_list_with_storage() + " FROM DATA_TO_PROCESS WHERE UNIQUE_KEY = ?1 UNION ALL "
+    "SELECT " + workload_key::column_list_with_storage() + " FROM HIST_DATA WHERE UNIQUE_KEY = ?1 LIMIT 1";
+// The workload's calibrated model: EPS and CAPTURE_DATE (?1..?8 as kHistoryWindow).
+inline constexpr const char* kModelOfWorkload =
+    "SELECT EPS, CAPTURE_DATE FROM DBSCAN_MODEL_PARAMS WHERE CLIENT = ?1 AND POLICY = ?2 AND POLICY_TYPE = ?3 AND "
+    "APP_TYPE = ?4 AND SCHEDULE_TYPE = ?5 AND SCHEDULE_NAME = ?6 AND DESTINATION_STORAGE_NAME = ?7 AND ASSET_ID = ?8";
+// The workload's history rows on every storage (?1..?6): what a replay of
+// one of its jobs copies.
+inline constexpr const char* kWorkloadRowsAnyStorage =
+    "SELECT COUNT(*) FROM HIST_DATA WHERE CLIENT = ?1 AND POLICY = ?2 AND POLICY_TYPE = ?3 AND APP_TYPE = ?4 AND "
+    "SCHEDULE_TYPE = ?5 AND SCHEDULE_NAME = ?6";
+
+// The anomalies of one workload whose job is still known (queued, or taken
+// into the history), newest first, at most ?10; ?1..?8 the workload's key as
+// kHistoryWindow, ?9 the earliest backup time. ID, DETECTION_TIME, the job's
+// BACKUP_TIME and five features in matrix order, SUMMARY, SCORE, STATE.
+// Each half scans the anomalies of the client and finds the job by its key.
+inline std::string workload_anomalies_from(const char* jobs) {
+  return "SELECT a.rowid AS R, a.ANOMALY_UNIQUE_ID AS ID, a.DETECTION_TIME AS DETECTION_TIME, j.BACKUP_TIME AS "
+         "BACKUP_TIME, j.NUM_FILES, j.IMAGE_SIZE, j.KB_TRANSFERRED, j.TOTAL_TIME, j.DEDUP_RATE, " +
+         payload_member("a", payload_members::kSummary) + " AS SUMMARY, " +
+         payload_member("a", payload_members::kScore) + " AS SCORE, " + state_of("a") +
+         " AS STATE FROM ANOMALY_DATA a JOIN " + jobs + " j ON j.UNIQUE_KEY = a.DETECTION_KEY WHERE a.CLIENT = ?1 AND "
+         "j.CLIENT = ?1 AND j.POLICY = ?2 AND j.POLICY_TYPE = ?3 AND j.APP_TYPE = ?4 AND j.SCHEDULE_TYPE = ?5 AND "
+         "j.SCHEDULE_NAME = ?6 AND j.DESTINATION_STORAGE_NAME = ?7 AND j.ASSET_ID = ?8 AND j.BACKUP_TIME >= ?9";
+}
+inline const std::string kWorkloadAnomalies =
+    "SELECT ID, DETECTION_TIME, BACKUP_TIME, NUM_FILES, IMAGE_SIZE, KB_TRANSFERRED, TOTAL_TIME, DEDUP_RATE, SUMMARY, "
+    "SCORE, STATE FROM (" + workload_anomalies_from("DATA_TO_PROCESS") + " UNION ALL " +
+    workload_anomalies_from("HIST_DATA") + ") ORDER BY R DESC LIMIT ?10";
+// The workload's pending jobs (?1..?8): N, and the first ?9 keys in the
+// order a pass meets them.
+inline constexpr const char* kWorkloadPending =
+    "SELECT UNIQUE_KEY, COUNT(*) OVER () AS N FROM DATA_TO_PROCESS WHERE PROCESSED_STATUS = 0 AND CLIENT = ?1 AND "
+    "POLICY = ?2 AND POLICY_TYPE = ?3 AND APP_TYPE = ?4 AND SCHEDULE_TYPE = ?5 AND SCHEDULE_NAME = ?6 AND "
+    "DESTINATION_STORAGE_NAME = ?7 AND ASSET_ID = ?8 ORDER BY rowid LIMIT ?9";
 
 // The verdicts. A false positive is the row the detector's next pass folds
 // into the history; an acknowledgement marks a real anomaly as handled.
