@@ -70,4 +70,9 @@ TEST_F(ConsoleBoundsTest, AHugeHistoryGivesBoundedPagesAndAnswers) {
   const std::size_t points = longest_chart_history(api->body);
   EXPECT_GT(points, 100u);
   EXPECT_LE(points, static_cast<std::size_t>(kMaxHistoryPoints));
+  auto workload = client().Get("/workloads?anomaly=" + id, {{"Cookie", cookie}});
+  ASSERT_TRUE(workload);
+  ASSERT_EQ(workload->status, 200);
+  EXPECT_NE(workload->body.find("means of equal time slices"), std::string::npos);
+  EXPECT_LT(workload->body.size(), kAnswerCeilingBytes);
 }
