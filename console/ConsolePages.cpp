@@ -348,6 +348,18 @@ std::string hidden_filter(const FilterForm& form) {
   return out;
 }
 
+std::string sign_in_page(const std::string& text, const std::string& action,
+                         const std::vector<std::pair<std::string, std::string>>& fields) {
+  std::string form = "<form class=\"sign-in\" method=\"get\" action=\"" + attr(action) + "\">";
+  for (const auto& [name, value] : fields) {
+    form += "<input type=\"hidden\" name=\"" + attr(name) + "\" value=\"" + attr(value) + "\">";
+  }
+  form += "<label>Access token <input type=\"password\" name=\"token\" autocomplete=\"current-password\" "
+          "required></label> <button type=\"submit\">Sign in</button></form>\n";
+  return layout("Sign-in needed", "<div class=\"empty\"><strong>Sign-in needed</strong>" + html_escape(text) +
+                                      "</div>\n" + form);
+}
+
 std::string stylesheet() { return std::string(HtmlReport::stylesheet()) + kConsoleStyle; }
 
 }  // namespace console_pages

@@ -42,6 +42,11 @@ std::string status_page(const StatusFigures& figures, const std::vector<std::pai
 
 std::string message_page(const std::string& title, const std::string& text);
 
+// Sign-in needed: the message and a form that sends the token to action
+// with fields, the parameters of the page asked for.
+std::string sign_in_page(const std::string& text, const std::string& action,
+                         const std::vector<std::pair<std::string, std::string>>& fields);
+
 // The console's frame around a page's body: head, stylesheet, navigation.
 std::string layout(const std::string& title, const std::string& body);
 // The filter's fields as hidden inputs, to carry it through a form.

@@ -120,7 +120,7 @@ bool ConsoleServer::Impl::authorised(const Request& req, Response& res) {
     const SessionTable::Opened session = sessions.open();
     res.set_header("Set-Cookie", std::string(kSessionCookie) + "=" + session.id +
                                      "; Path=/; HttpOnly; SameSite=Strict" + (tls() ? "; Secure" : ""));
-    res.set_redirect(signed_in_target(req.path), 303);
+    res.set_redirect(signed_in_target(req), 303);
     return false;
   }
   if (sessions.csrf_of(cookie(req, kSessionCookie))) return true;
