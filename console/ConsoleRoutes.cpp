@@ -195,7 +195,7 @@ void ConsoleServer::Impl::workload_page(const Request& req, Response& res) {
   const std::string id = req.get_param_value("anomaly");
   if (id.empty()) throw RequestError(400, "name the workload by one of its anomalies: /workloads?anomaly=ID");
   const int days = static_cast<int>(number_param(req, "days", kDefaultWorkloadDays, 1, kMaxWorkloadDays));
-  const auto view = workload_view(config.database, id, days, std::time(nullptr), replay_settings());
+  const auto view = workload_view(config.database, id, days, replay_settings());
   if (!view) throw RequestError(404, "There is no anomaly with this id, or its job is no longer known.");
   res.set_content(::workload_page(*view), "text/html; charset=utf-8");
 }

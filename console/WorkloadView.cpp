@@ -81,7 +81,7 @@ void judge_pending(AnomalyStore& store, const std::string& path, WorkloadView& v
 }  // namespace
 
 std::optional<WorkloadView> workload_view(const std::string& database_path, const std::string& anomaly_id, int days,
-                                          time_t now, const ReplaySettings& settings) {
+                                          const ReplaySettings& settings) {
   AnomalyStore store(database_path);
   const auto anomaly = store.find(anomaly_id);
   if (!anomaly) return std::nullopt;
@@ -90,9 +90,11 @@ std::optional<WorkloadView> workload_view(const std::string& database_path, cons
   WorkloadView view;
   view.workload = *workload;
   view.days = days;
-  // The window ends at the workload's newest job: a workload that stopped
-  // backing up still shows its last year.
-  const time_t since = store.newest_backup(view.workload).value_or(now) - static_cast<time_t>(kSecondsPerDay) * days;
+  // The window ends at the workload's newest accepted job: a workload that
+  // stopped backing up still shows its last year. Without any (a workload
+  // new to its storage) there is no history to bound: every anomaly shows.
+  const auto newest = store.newest_backup(view.workload);
+  const time_t since = newest ? *newest - static_cast<time_t>(kSecondsPerDay) * days : std::numeric_limits<time_t>::min();
   {
     // One read transaction: the charts, the anomalies and the model agree.
     store.database().begin_transaction();

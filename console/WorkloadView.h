@@ -43,6 +43,6 @@ struct WorkloadView {
 // None when the anomaly is unknown or its job is neither queued nor in the
 // history (then its workload cannot be told).
 std::optional<WorkloadView> workload_view(const std::string& database_path, const std::string& anomaly_id, int days,
-                                          time_t now, const ReplaySettings& settings);
+                                          const ReplaySettings& settings);
 
 std::string workload_page(const WorkloadView& view);
