@@ -1,6 +1,5 @@
 #include "console/WorkloadView.h"
 
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
