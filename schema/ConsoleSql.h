@@ -151,13 +151,15 @@ inline constexpr const char* kWorkloadRowsAnyStorage =
 // into the history), newest first, at most ?10; ?1..?8 the workload's key as
 // kHistoryWindow, ?9 the earliest backup time. ID, DETECTION_TIME, the job's
 // BACKUP_TIME and five features in matrix order, SUMMARY, SCORE, STATE.
-// Each half scans the anomalies of the client and finds the job by its key.
+// Each half scans the anomalies of the client and finds the job by its key
+// (CROSS JOIN keeps that order: driven from the history's workload index,
+// each of its jobs would scan the whole anomaly table).
 inline std::string workload_anomalies_from(const char* jobs) {
   return "SELECT a.rowid AS R, a.ANOMALY_UNIQUE_ID AS ID, a.DETECTION_TIME AS DETECTION_TIME, j.BACKUP_TIME AS "
          "BACKUP_TIME, j.NUM_FILES, j.IMAGE_SIZE, j.KB_TRANSFERRED, j.TOTAL_TIME, j.DEDUP_RATE, " +
          payload_member("a", payload_members::kSummary) + " AS SUMMARY, " +
          payload_member("a", payload_members::kScore) + " AS SCORE, " + state_of("a") +
-         " AS STATE FROM ANOMALY_DATA a JOIN " + jobs + " j ON j.UNIQUE_KEY = a.DETECTION_KEY WHERE a.CLIENT = ?1 AND "
+         " AS STATE FROM ANOMALY_DATA a CROSS JOIN " + jobs + " j ON j.UNIQUE_KEY = a.DETECTION_KEY WHERE a.CLIENT = ?1 AND "
          "j.CLIENT = ?1 AND j.POLICY = ?2 AND j.POLICY_TYPE = ?3 AND j.APP_TYPE = ?4 AND j.SCHEDULE_TYPE = ?5 AND "
          "j.SCHEDULE_NAME = ?6 AND j.DESTINATION_STORAGE_NAME = ?7 AND j.ASSET_ID = ?8 AND j.BACKUP_TIME >= ?9";
 }
