@@ -1,5 +1,5 @@
 // The console's answers stay bounded whatever a workload's history holds:
-// a workload given hundreds of thousands of accepted jobs in the charts'
+// a workload given 150,000 accepted jobs in the charts'
 // window still gets an anomaly page and an API answer of bounded size, its
 // charts downsampled inside SQLite to at most kMaxHistoryPoints points.
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ namespace {
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
 
-constexpr long long kManyJobs = 300000;
+constexpr long long kManyJobs = 150000;
 constexpr std::size_t kAnswerCeilingBytes = 1024 * 1024;
 
 // kManyJobs accepted jobs for the workload of the anomaly's job, one every
