@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -195,6 +196,27 @@ Timing time_requests(httplib::Client& client, const std::string& path, const htt
   return {ms[ms.size() / 2], ms.back(), status};
 }
 
+// One verdict for every open anomaly of one day (about 1,700 at the default
+// scale), timed once; then undone, so the database stays reusable.
+void time_batch(httplib::Client& client, const httplib::Headers& api, const std::string& db_path) {
+  const long long day = scalar(db_path, "SELECT MAX(DETECTION_TIME) - 86400 * 30 FROM ANOMALY_DATA");
+  char date[16];
+  const time_t t = static_cast<time_t>(day);
+  std::strftime(date, sizeof date, "%Y-%m-%d", std::localtime(&t));
+  const std::string path = std::string("/api/v1/verdicts?verdict=acknowledge&scope=filter&state=open&reason=") +
+                           "console_bench&from=" + date + "&to=" + date;
+  const auto started = std::chrono::steady_clock::now();
+  auto res = client.Post(path, api, "", "text/plain");
+  const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+  const long long given = scalar(db_path, "SELECT COUNT(*) FROM VERDICT_REASON WHERE REASON = 'console_bench'");
+  std::printf("%-52s %8d %10.1f (%lld verdicts, %.3f ms each)\n", "POST /api/v1/verdicts (one day, open)",
+              res ? res->status : -1, ms, given, given > 0 ? ms / static_cast<double>(given) : 0.0);
+  DBAccess undo(db_path, SQLITE_OPEN_READWRITE);
+  undo.execute_query("UPDATE ANOMALY_DATA SET ANOMALY_STATE = 0 WHERE ANOMALY_UNIQUE_ID IN (SELECT ANOMALY_UNIQUE_ID "
+                     "FROM VERDICT_REASON WHERE REASON = 'console_bench')");
+  undo.execute_query("DELETE FROM VERDICT_REASON WHERE REASON = 'console_bench'");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -231,6 +253,8 @@ int main(int argc, char** argv) {
       {"/?policy=nope", &page},
       {"/?from=2000-01-01&to=2000-12-31", &page},
       {"/anomalies/" + id, &page},
+      {"/workloads?anomaly=" + id, &page},
+      {"/anomalies.csv?state=open", &page},
       {"/status", &page},
       {"/api/v1/anomalies", &api},
       {"/api/v1/anomalies?limit=500&offset=50000", &api},
@@ -244,6 +268,7 @@ int main(int argc, char** argv) {
     const Timing t = time_requests(client, path, *headers, o.runs);
     std::printf("%-52s %8d %10.1f %8.1f\n", path.substr(0, 52).c_str(), t.status, t.median_ms, t.max_ms);
   }
+  time_batch(client, api, db_path);
   std::printf("server memory: peak RSS %lld kB, RSS now %lld kB\n", kilobytes(server.pid, "VmHWM:"),
               kilobytes(server.pid, "VmRSS:"));
   kill(server.pid, SIGTERM);

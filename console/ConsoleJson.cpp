@@ -7,10 +7,13 @@
 #include "contract/Features.h"
 #include "report/HtmlReport.h"
 #include "util/Json.h"
+#include "console/TriageRequest.h"
 #include "console/UrlText.h"
 
 namespace console_json {
 namespace {
+
+constexpr std::size_t kMaxPayloadBytes = 64 * 1024;
 
 std::string dump(const Json& root) { return root.dump({.compact = true, .keep_order = true, .escape_separators = true}); }
 
@@ -39,6 +42,8 @@ Json feature(const std::string& member, const std::string& attribute, const Work
   Json points = Json::array();
   for (const HistoryPoint& p : history.history) points.append(point(p.backup_time, p.features[info->feature]));
   data.set("history", std::move(points));
+  data.set("history_jobs", Json::integer(history.history_jobs));
+  data.set("history_averaged", Json::boolean(history.averaged));
   data.set("job", point(history.job.backup_time, history.job.features[info->feature]));
   if (chart->usual()) {
     Json usual = Json::object();
@@ -74,7 +79,7 @@ std::string anomaly_list(const std::vector<ListedAnomaly>& rows, const ListTotal
   return dump(root);
 }
 
-std::string anomaly(const AnomalyDetail& detail) {
+std::string anomaly(const AnomalyDetail& detail, Json why) {
   const AnomalyRecord& record = detail.record;
   Json root = Json::object();
   root.set("id", Json::string(record.id));
@@ -88,12 +93,22 @@ std::string anomaly(const AnomalyDetail& detail) {
   root.set("summary", Json::string(record.summary));
   root.set("score", Json::string(record.score));
   root.set("job_in_queue", Json::boolean(detail.history.job_found));
-  root.set("payload", Json::parsed_or_string(record.payload));
+  // A payload the detector wrote is a few KiB; one grown beyond the bound
+  // is named by its size only, so the answer stays bounded.
+  if (record.payload.size() <= kMaxPayloadBytes) {
+    root.set("payload", Json::parsed_or_string(record.payload));
+  } else {
+    Json omitted = Json::object();
+    omitted.set("omitted_bytes", Json::integer(static_cast<long long>(record.payload.size())));
+    root.set("payload", std::move(omitted));
+  }
   Json features = Json::array();
   for (const auto& [member, attribute] : record.attributes) {
     features.append(feature(member, attribute, detail.history));
   }
   root.set("features", std::move(features));
+  root.set("why", std::move(why));
+  root.set("workload_url", Json::string(workload_path_of(record.id)));
   return dump(root);
 }
 
@@ -146,6 +161,26 @@ std::string verdict(const std::string& id, VerdictOutcome outcome, AnomalyState 
   root.set("id", Json::string(id));
   root.set("changed", Json::boolean(outcome == VerdictOutcome::recorded));
   root.set("state", Json::string(state_info(state).slug));
+  return dump(root);
+}
+
+std::string triage(Verdict verdict, const std::vector<std::string>& ids, const std::vector<VerdictOutcome>& outcomes) {
+  Json root = Json::object();
+  root.set("verdict", Json::string(verdict_slug(verdict)));
+  root.set("requested", Json::integer(static_cast<long long>(ids.size())));
+  long long changed = 0;
+  Json results = Json::array();
+  for (std::size_t i = 0; i < ids.size() && i < outcomes.size(); ++i) {
+    Json item = Json::object();
+    item.set("id", Json::string(ids[i]));
+    item.set("outcome", Json::string(outcome_slug(outcomes[i])));
+    item.set("changed", Json::boolean(outcomes[i] == VerdictOutcome::recorded));
+    item.set("message", Json::string(outcome_sentence(outcomes[i])));
+    changed += outcomes[i] == VerdictOutcome::recorded ? 1 : 0;
+    results.append(std::move(item));
+  }
+  root.set("changed", Json::integer(changed));
+  root.set("results", std::move(results));
   return dump(root);
 }
 

@@ -23,6 +23,7 @@ struct FilterForm {
 
 struct ListView {
   FilterForm form;
+  std::string csrf;  // the session's, for the triage form
   std::vector<ListedAnomaly> rows;
   ListTotals totals;
   long long page = 1;  // 1-based
@@ -32,13 +33,24 @@ struct ListView {
 std::string list_page(const ListView& view);
 
 // result: a sentence on what the last action did, shown above the card.
-std::string anomaly_page(const AnomalyDetail& detail, const std::string& csrf, const std::string& result,
-                         time_t now);
+// why: the panel "Why this was flagged" (see WhyFlagged), placed after the card.
+std::string anomaly_page(const AnomalyDetail& detail, const std::string& why, const std::string& csrf,
+                         const std::string& result, time_t now);
 
 std::string status_page(const StatusFigures& figures, const std::vector<std::pair<std::string, long long>>& per_day,
                         time_t now);
 
 std::string message_page(const std::string& title, const std::string& text);
+
+// Sign-in needed: the message and a form that sends the token to action
+// with fields, the parameters of the page asked for.
+std::string sign_in_page(const std::string& text, const std::string& action,
+                         const std::vector<std::pair<std::string, std::string>>& fields);
+
+// The console's frame around a page's body: head, stylesheet, navigation.
+std::string layout(const std::string& title, const std::string& body);
+// The filter's fields as hidden inputs, to carry it through a form.
+std::string hidden_filter(const FilterForm& form);
 
 // /console.css: the report's styles and the console's own.
 std::string stylesheet();

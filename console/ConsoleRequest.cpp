@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <utility>
+#include <vector>
 
 #include "operator/TimeText.h"
 #include "console/ConsoleJson.h"
@@ -33,10 +34,20 @@ std::string status_title(int status) {
 
 bool is_api(const Request& req) { return req.path.rfind(kApiPrefix, 0) == 0; }
 
+namespace {
+std::string page_path(const std::string& path);
+std::vector<std::pair<std::string, std::string>> kept_params(const Request& req);
+}  // namespace
+
 void send_error(const Request& req, Response& res, int status, const std::string& message) {
   res.status = status;
   if (is_api(req) || req.path == "/metrics") {
     res.set_content(console_json::error(status, message), "application/json");
+  } else if (status == 401) {
+    // A browser that follows an alert's link lands here: it signs in with
+    // the token and comes back to the page it asked for.
+    res.set_content(console_pages::sign_in_page(message, page_path(req.path), kept_params(req)),
+                    "text/html; charset=utf-8");
   } else {
     res.set_content(console_pages::message_page(status_title(status), message),
                     "text/html; charset=utf-8");
@@ -120,14 +131,38 @@ ListQuery list_query(const Request& req, console_pages::FilterForm& form) {
   return query;
 }
 
-// Where a sign-in through ?token= lands: the page asked for, spelled anew,
-// so no decoded path ("//other.site") can redirect elsewhere.
-std::string signed_in_target(const std::string& path) {
+namespace {
+
+// The page a request asked for, spelled anew, so no decoded path
+// ("//other.site") can lead elsewhere.
+std::string page_path(const std::string& path) {
   // The path holds the anomaly's handle already: it is only encoded again.
   if (path.rfind(kAnomalyPathPrefix, 0) == 0) {
     return std::string(kAnomalyPathPrefix) + percent_encode(path.substr(kAnomalyPathPrefix.size()));
   }
-  return path == "/status" ? "/status" : "/";
+  for (const char* page : {"/status", "/workloads", "/anomalies.csv"}) {
+    if (path == page) return page;
+  }
+  return "/";
+}
+
+// The request's parameters but the token, encoded anew.
+std::vector<std::pair<std::string, std::string>> kept_params(const Request& req) {
+  std::vector<std::pair<std::string, std::string>> kept;
+  for (const auto& [name, value] : req.params) {
+    if (name != "token") kept.emplace_back(name, value);
+  }
+  return kept;
+}
+
+}  // namespace
+
+std::string signed_in_target(const Request& req) {
+  std::string query;
+  for (const auto& [name, value] : kept_params(req)) {
+    query += (query.empty() ? "?" : "&") + percent_encode(name) + "=" + percent_encode(value);
+  }
+  return page_path(req.path) + query;
 }
 
 // What the page says after a verdict form was sent, by the code in its URL.

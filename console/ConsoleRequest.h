@@ -40,8 +40,9 @@ std::string param(const Request& req, const char* name);
 long long number_param(const Request& req, const char* name, long long fallback, long long min, long long max);
 // The filter of the list page and of GET /api/v1/anomalies.
 ListQuery list_query(const Request& req, console_pages::FilterForm& form);
-// Where a sign-in through ?token= lands.
-std::string signed_in_target(const std::string& path);
+// Where a sign-in through ?token= lands: the page asked for with its
+// parameters but the token.
+std::string signed_in_target(const Request& req);
 // What the page says after a verdict form was sent, by the code in its URL.
 std::string result_sentence(const std::string& code);
 

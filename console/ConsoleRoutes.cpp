@@ -5,12 +5,15 @@
 #include <string>
 #include <vector>
 
+#include "console/AnomalyCsv.h"
 #include "console/ConsoleJson.h"
 #include "console/ConsolePages.h"
 #include "console/ConsoleServerImpl.h"
 #include "console/MetricsText.h"
 #include "console/StatusMetrics.h"
 #include "console/UrlText.h"
+#include "console/WhyFlagged.h"
+#include "console/WorkloadView.h"
 #include "util/TimeUnits.h"
 
 using httplib::Request;
@@ -80,9 +83,14 @@ const std::vector<ConsoleServer::Impl::Route>& ConsoleServer::Impl::route_table(
       {Get, R"(/console\.js)", &Impl::script_file},
       {Post, "/session/proof", &Impl::claim_proof},
       {Post, "/logout", &Impl::sign_out},
+      {Get, R"(/anomalies\.csv)", &Impl::csv_export},
       {Get, "/status", &Impl::status_page},
+      {Post, "/triage", &Impl::triage_confirm},
+      {Post, "/triage/apply", &Impl::triage_apply},
+      {Post, "/api/v1/verdicts", &Impl::api_verdicts},
       {Post, R"(/anomalies/(.+)/(false-positive|acknowledge))", &Impl::verdict_form},
       {Get, R"(/anomalies/(.+))", &Impl::anomaly_page},
+      {Get, "/workloads", &Impl::workload_page},
       {Get, "/api/v1/anomalies", &Impl::api_anomaly_list},
       {Post, R"(/api/v1/anomalies/(.+)/(false-positive|acknowledge))", &Impl::verdict_api},
       {Get, R"(/api/v1/anomalies/(.+))", &Impl::api_anomaly},
@@ -128,7 +136,18 @@ void ConsoleServer::Impl::list_page(const Request& req, Response& res) {
   view.has_more = static_cast<long long>(view.rows.size()) > kPageSize;
   if (view.has_more) view.rows.pop_back();
   view.totals = store.totals(query, std::time(nullptr));
+  view.csrf = sessions.csrf_of(cookie(req, kSessionCookie)).value_or("");
   res.set_content(console_pages::list_page(view), "text/html; charset=utf-8");
+}
+
+// The filtered list as CSV, kMaxCsvRows rows a file from offset on.
+void ConsoleServer::Impl::csv_export(const Request& req, Response& res) {
+  console_pages::FilterForm form;
+  ListQuery query = list_query(req, form);
+  query.limit = number_param(req, "limit", kMaxCsvRows, 1, kMaxCsvRows);
+  query.offset = number_param(req, "offset", 0, 0, kMaxOffset);
+  res.set_header("Content-Disposition", "attachment; filename=\"anomalies.csv\"");
+  res.set_content(anomaly_csv(store.list(query)), "text/csv; charset=utf-8");
 }
 
 void ConsoleServer::Impl::stylesheet_file(const Request&, Response& res) {
@@ -145,9 +164,19 @@ void ConsoleServer::Impl::anomaly_page(const Request& req, Response& res) {
   const auto detail = store.detail(id_in_path(store, req), kChartDays);
   if (!detail) throw RequestError(404, "There is no anomaly with this id.");
   const auto csrf = sessions.csrf_of(cookie(req, kSessionCookie));
-  res.set_content(console_pages::anomaly_page(*detail, csrf.value_or(""),
+  const WhyFlagged why = why_flagged(config.database, detail->record, detail->history.job_found, replay_settings());
+  res.set_content(console_pages::anomaly_page(*detail, why_panel(why, detail->record), csrf.value_or(""),
                                               result_sentence(req.get_param_value("result")), std::time(nullptr)),
                   "text/html; charset=utf-8");
+}
+
+void ConsoleServer::Impl::workload_page(const Request& req, Response& res) {
+  const std::string id = req.get_param_value("anomaly");
+  if (id.empty()) throw RequestError(400, "name the workload by one of its anomalies: /workloads?anomaly=ID");
+  const int days = static_cast<int>(number_param(req, "days", kDefaultWorkloadDays, 1, kMaxWorkloadDays));
+  const auto view = workload_view(config.database, id, days, replay_settings());
+  if (!view) throw RequestError(404, "There is no anomaly with this id, or its job is no longer known.");
+  res.set_content(::workload_page(*view), "text/html; charset=utf-8");
 }
 
 void ConsoleServer::Impl::api_anomaly_list(const Request& req, Response& res) {
@@ -163,7 +192,8 @@ void ConsoleServer::Impl::api_anomaly(const Request& req, Response& res) {
   const std::string id = id_in_path(store, req);
   const auto detail = store.detail(id, kChartDays);
   if (!detail) throw RequestError(404, "no anomaly '" + id + "'");
-  res.set_content(console_json::anomaly(*detail), "application/json");
+  const WhyFlagged why = why_flagged(config.database, detail->record, detail->history.job_found, replay_settings());
+  res.set_content(console_json::anomaly(*detail, why_json(why, detail->record)), "application/json");
 }
 
 void ConsoleServer::Impl::api_status(const Request&, Response& res) {

@@ -33,6 +33,8 @@ constexpr long long kPageSize = 50;
 constexpr long long kMaxApiLimit = 500;
 constexpr long long kMaxOffset = 1000000000;
 constexpr int kChartDays = 180;
+constexpr long long kMaxCsvRows = 10000;
+constexpr long long kMaxWorkloadDays = 3650;
 constexpr std::chrono::seconds kHistoryRecount{60};
 
 }  // namespace console_server
@@ -58,13 +60,16 @@ struct ConsoleServer::Impl {
         history([this] { return store.history_counts(); }, console_server::kHistoryRecount),
         token_watch(config.token_file, config.token) {}
 
+  // The detector's configuration, for replays of its pass.
+  ReplaySettings replay_settings() const {
+    ReplaySettings settings;
+    settings.config_file = config.config_file;
+    return settings;
+  }
+
   StatusFigures status(bool with_unjudgeable = false) const {
     StatusFigures figures = store.status();
-    if (with_unjudgeable) {
-      ReplaySettings settings;
-      settings.config_file = config.config_file;
-      figures.unjudgeable = count_unjudgeable_jobs(config.database, settings);
-    }
+    if (with_unjudgeable) figures.unjudgeable = count_unjudgeable_jobs(config.database, replay_settings());
     const HistoryTally::Counts counts = history.latest();
     figures.history_rows = counts.rows;
     figures.workloads = counts.workloads;
@@ -111,4 +116,9 @@ struct ConsoleServer::Impl {
   void api_anomaly(const httplib::Request& req, httplib::Response& res);
   void api_status(const httplib::Request& req, httplib::Response& res);
   void metrics_page(const httplib::Request& req, httplib::Response& res);
+  void triage_confirm(const httplib::Request& req, httplib::Response& res);
+  void triage_apply(const httplib::Request& req, httplib::Response& res);
+  void api_verdicts(const httplib::Request& req, httplib::Response& res);
+  void csv_export(const httplib::Request& req, httplib::Response& res);
+  void workload_page(const httplib::Request& req, httplib::Response& res);
 };

@@ -20,7 +20,7 @@ void ConsoleServer::Impl::sign_in(const Request& req, Response& res, const std::
   const SessionTable::Opened session = sessions.open();
   res.set_header("Set-Cookie", std::string(kSessionCookie) + "=" + session.id + "; Path=/; HttpOnly; SameSite=Strict" +
                                    (tls() ? "; Secure" : ""));
-  res.set_redirect(signed_in_target(req.path), 303);
+  res.set_redirect(signed_in_target(req), 303);
 }
 
 void ConsoleServer::Impl::script_file(const Request&, Response& res) {

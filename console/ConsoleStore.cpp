@@ -53,11 +53,11 @@ std::vector<ListedAnomaly> ConsoleStore::list(const ListQuery& query) const {
   store.database().visit_records_prepared(st, [&](const RecordCursor& cursor) {
     ListedAnomaly& row = page.emplace_back();
     row.id = cursor.text(0);
-    row.client = cursor.text(1);
+    row.client = text::capped(cursor.text(1), kMaxNameBytes);
     row.detection_time = static_cast<time_t>(integer(cursor.text(2)));
-    row.policy = cursor.text(3);
-    row.summary = cursor.text(4);
-    row.score = cursor.text(5);
+    row.policy = text::capped(cursor.text(3), kMaxNameBytes);
+    row.summary = text::capped(cursor.text(4), kMaxNameBytes);
+    row.score = text::capped(cursor.text(5), kMaxNameBytes);
     row.state = state_from_number(integer(cursor.text(6)));
   });
   return page;
@@ -79,6 +79,16 @@ ListTotals ConsoleStore::totals(const ListQuery& query, time_t now) const {
 std::optional<std::string> ConsoleStore::id_of_handle(const std::string& handle) const {
   if (!anomaly_handle::is_digest(handle)) return handle;
   return AnomalyStore(path_).id_of_handle(handle);
+}
+
+std::vector<std::string> ConsoleStore::ids(const ListQuery& query, long long limit) const {
+  AnomalyStore store(path_);
+  std::vector<Bound> values = filter_values(query);
+  values.emplace_back(static_cast<double>(limit));
+  Prepared st(store.database(), console_sql::kListIds, values);
+  std::vector<std::string> ids;
+  store.database().visit_records_prepared(st, [&](const RecordCursor& cursor) { ids.emplace_back(cursor.text(0)); });
+  return ids;
 }
 
 std::optional<AnomalyDetail> ConsoleStore::detail(const std::string& id, int days) const {
@@ -123,4 +133,9 @@ VerdictOutcome ConsoleStore::report_false_positive(const std::string& id) const 
 
 VerdictOutcome ConsoleStore::acknowledge(const std::string& id) const {
   return give_verdict(path_, id, Verdict::acknowledged);
+}
+
+std::vector<VerdictOutcome> ConsoleStore::give(const std::vector<std::string>& ids, Verdict verdict,
+                                               const std::string& reason) const {
+  return give_verdicts(path_, ids, verdict, reason);
 }

@@ -53,6 +53,9 @@ class ConsoleStore {
 
   std::vector<ListedAnomaly> list(const ListQuery& query) const;
   ListTotals totals(const ListQuery& query, time_t now) const;
+  // The ids the filter selects, the latest reported first, at most limit
+  // (query.limit and offset are not used).
+  std::vector<std::string> ids(const ListQuery& query, long long limit) const;
   // With days, the workload history of that many days before the job.
   std::optional<AnomalyDetail> detail(const std::string& id, int days) const;
   // The id an address names by its handle (see AnomalyStore::id_of_handle).
@@ -67,6 +70,9 @@ class ConsoleStore {
 
   VerdictOutcome report_false_positive(const std::string& id) const;
   VerdictOutcome acknowledge(const std::string& id) const;
+  // One verdict for many (see give_verdicts).
+  std::vector<VerdictOutcome> give(const std::vector<std::string>& ids, Verdict verdict,
+                                   const std::string& reason) const;
 
  private:
   std::string path_;

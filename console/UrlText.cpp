@@ -30,3 +30,5 @@ std::string percent_encode(std::string_view text) {
 std::string anomaly_path(std::string_view id) {
   return std::string(kAnomalyPathPrefix) + percent_encode(anomaly_handle::of(id));
 }
+
+std::string workload_path_of(std::string_view anomaly_id) { return "/workloads?anomaly=" + percent_encode(anomaly_id); }

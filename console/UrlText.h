@@ -15,3 +15,7 @@ std::string percent_encode(std::string_view text);
 // "/anomalies/<the id's handle (operator/AnomalyHandle), percent-encoded>":
 // bounded and routable whatever the id holds.
 std::string anomaly_path(std::string_view id);
+
+// "/workloads?anomaly=<id, percent-encoded>": the page of the workload the
+// anomaly's job belongs to.
+std::string workload_path_of(std::string_view anomaly_id);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <limits>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -12,7 +13,10 @@
 #include "operator/AnomalyHandle.h"
 #include "operator/DetectorDatabase.h"
 #include "schema/ConsoleSql.h"
+#include "contract/WorkloadKey.h"
+#include "storage/RecordCursor.h"
 #include "storage/Statement.h"
+#include "util/TimeUnits.h"
 #include "util/Text.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess;
@@ -26,19 +30,21 @@ namespace {
 
 void read_payload(AnomalyRecord& record) {
   anomaly_payload::Fields fields = anomaly_payload::parse(record.payload);
-  record.policy = std::move(fields.policy);
-  record.policy_type = std::move(fields.policy_type);
-  record.schedule_name = std::move(fields.schedule_name);
-  record.storage_name = std::move(fields.storage_name);
-  record.summary = std::move(fields.summary);
-  record.score = std::move(fields.score);
-  record.attributes = std::move(fields.attributes);
+  record.policy = text::capped(fields.policy, kMaxNameBytes);
+  record.policy_type = text::capped(fields.policy_type, kMaxNameBytes);
+  record.schedule_name = text::capped(fields.schedule_name, kMaxNameBytes);
+  record.storage_name = text::capped(fields.storage_name, kMaxNameBytes);
+  record.summary = text::capped(fields.summary, kMaxNameBytes);
+  record.score = text::capped(fields.score, kMaxNameBytes);
+  for (auto& [member, text] : fields.attributes) {
+    record.attributes.emplace_back(text::capped(member, kMaxNameBytes), text::capped(text, kMaxNameBytes));
+  }
 }
 
 AnomalyRecord to_record(Row& row) {
   AnomalyRecord record;
   record.id = std::string(row["ANOMALY_UNIQUE_ID"]);
-  record.client = std::string(row["CLIENT"]);
+  record.client = text::capped(std::string(row["CLIENT"]), kMaxNameBytes);
   record.detection_time = static_cast<int>(row["DETECTION_TIME"]);
   record.detection_key = std::string(row["DETECTION_KEY"]);
   record.payload = std::string(row["ANOMALY_PAYLOAD"]);
@@ -144,19 +150,100 @@ WorkloadHistory AnomalyStore::history_of(const AnomalyRecord& anomaly, std::opti
   Row& job = jobs[0];
   result.job_found = true;
   result.job = to_point(job);
-  Statement st(db_->handle,
-               "SELECT BACKUP_TIME, NUM_FILES, IMAGE_SIZE, KB_TRANSFERRED, TOTAL_TIME, DEDUP_RATE FROM HIST_DATA "
-               "WHERE CLIENT = ? AND POLICY = ? AND POLICY_TYPE = ? AND APP_TYPE = ? AND SCHEDULE_TYPE = ? AND "
-               "SCHEDULE_NAME = ? AND DESTINATION_STORAGE_NAME = ? AND ASSET_ID = ? AND MODE = 1 AND BACKUP_TIME >= ? "
-               "ORDER BY BACKUP_TIME");
-  int index = 1;
-  for (const char* column : {"CLIENT", "POLICY", "POLICY_TYPE", "APP_TYPE", "SCHEDULE_TYPE", "SCHEDULE_NAME",
-                             "DESTINATION_STORAGE_NAME", "ASSET_ID"}) {
-    st.bind(index++, std::string(job[column]));
-  }
-  st.bind(index, days ? static_cast<double>(result.job.backup_time) - 86400.0 * *days : -1e300);
-  Rows rows;
-  db_->read_data_prepared(st, rows);
-  for (Row& row : rows) result.history.push_back(to_point(row));
+  std::size_t index = 0;
+  for (const char* column : workload_key::kColumns) result.workload[index++] = std::string(job[column]);
+  result.workload[index++] = std::string(job[workload_key::kStorageColumn]);
+  result.workload[index] = std::string(job[workload_key::kAssetColumn]);
+  const time_t since = days ? result.job.backup_time - static_cast<time_t>(kSecondsPerDay) * *days
+                            : std::numeric_limits<time_t>::min();
+  HistorySample sample = sample_history(result.workload, since);
+  result.history = std::move(sample.points);
+  result.history_jobs = sample.jobs;
+  result.averaged = sample.averaged;
   return result;
+}
+
+namespace {
+
+// Binds the workload's values to ?1..?8 and the window's start to ?9.
+void bind_window(Statement& st, const WorkloadValues& workload, time_t since) {
+  int index = 1;
+  for (const std::string& value : workload) st.bind(index++, value);
+  st.bind(index, static_cast<double>(since));
+}
+
+HistoryPoint point_of(const RecordCursor& cursor) {
+  HistoryPoint point;
+  point.backup_time = static_cast<time_t>(std::strtoll(cursor.text(0), nullptr, 10));
+  for (const FeatureInfo& info : kFeatures) {
+    point.features[info.feature] = std::strtod(cursor.text(1 + static_cast<int>(info.feature)), nullptr);
+  }
+  return point;
+}
+
+}  // namespace
+
+HistorySample AnomalyStore::sample_history(const WorkloadValues& workload, time_t since) const {
+  HistorySample sample;
+  double first = 0, last = 0;
+  {
+    Statement st(db_->handle, console_sql::kHistoryExtent);
+    bind_window(st, workload, since);
+    db_->visit_records_prepared(st, [&](const RecordCursor& cursor) {
+      sample.jobs = std::strtoll(cursor.text(0), nullptr, 10);
+      first = std::strtod(cursor.text(1), nullptr);
+      last = std::strtod(cursor.text(2), nullptr);
+    });
+  }
+  if (sample.jobs == 0) return sample;
+  sample.averaged = sample.jobs > kMaxHistoryPoints;
+  Statement st(db_->handle, sample.averaged ? console_sql::kHistorySlices : console_sql::kHistoryJobs);
+  bind_window(st, workload, since);
+  if (sample.averaged) {
+    st.bind(10, first);
+    st.bind(11, static_cast<int>(kMaxHistoryPoints));
+    st.bind(12, last);
+  }
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) { sample.points.push_back(point_of(cursor)); });
+  return sample;
+}
+
+std::optional<WorkloadValues> AnomalyStore::workload_of(const std::string& unique_key) const {
+  Statement st(db_->handle, console_sql::kWorkloadOfJob);
+  st.bind(1, unique_key);
+  std::optional<WorkloadValues> found;
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) {
+    found.emplace();
+    for (std::size_t i = 0; i < found->size(); ++i) (*found)[i] = cursor.text(static_cast<int>(i));
+  });
+  return found;
+}
+
+std::optional<std::pair<double, time_t>> AnomalyStore::model_of(const WorkloadValues& workload) const {
+  Statement st(db_->handle, console_sql::kModelOfWorkload);
+  int index = 1;
+  for (const std::string& value : workload) st.bind(index++, value);
+  std::optional<std::pair<double, time_t>> model;
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) {
+    model.emplace(std::strtod(cursor.text(0), nullptr), static_cast<time_t>(std::strtoll(cursor.text(1), nullptr, 10)));
+  });
+  return model;
+}
+
+long long AnomalyStore::rows_on_any_storage(const WorkloadValues& workload) const {
+  Statement st(db_->handle, console_sql::kWorkloadRowsAnyStorage);
+  for (int i = 0; i < static_cast<int>(workload_key::kColumns.size()); ++i) st.bind(i + 1, workload[i]);
+  long long rows = 0;
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) { rows = std::strtoll(cursor.text(0), nullptr, 10); });
+  return rows;
+}
+
+std::optional<time_t> AnomalyStore::newest_backup(const WorkloadValues& workload) const {
+  Statement st(db_->handle, console_sql::kHistoryNewest);
+  bind_window(st, workload, std::numeric_limits<time_t>::min());
+  time_t newest = 0;
+  db_->visit_records_prepared(st, [&](const RecordCursor& cursor) {
+    newest = static_cast<time_t>(std::strtoll(cursor.text(0), nullptr, 10));
+  });
+  return newest != 0 ? std::optional<time_t>(newest) : std::nullopt;
 }

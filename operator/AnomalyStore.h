@@ -9,10 +9,15 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "contract/Features.h"
 #include "storage/DBAccess.h"
+
+// Names and texts of a record beyond this many bytes are cut (the id and
+// the stored payload never are), so no page grows with one hostile name.
+inline constexpr std::size_t kMaxNameBytes = 4096;
 
 struct AnomalyRecord {
   std::string id;             // ANOMALY_UNIQUE_ID
@@ -38,10 +43,31 @@ struct HistoryPoint {
   std::array<double, kFeatureCount> features{};
 };
 
+// At most this many points of a workload's history reach a chart or an
+// answer. Beyond it each point is the mean of the jobs of one equal slice of
+// the time range, computed inside SQLite, so neither memory nor a page grows
+// with the history.
+inline constexpr long long kMaxHistoryPoints = 2000;
+
+// The values of a workload's key columns, in workload_key's order (the six
+// shared columns, then storage and asset).
+using WorkloadValues = std::array<std::string, 8>;
+
+// A workload's accepted jobs over a time window, oldest first: each job, or
+// above kMaxHistoryPoints jobs the means of equal time slices.
+struct HistorySample {
+  std::vector<HistoryPoint> points;
+  long long jobs = 0;     // accepted jobs in the window
+  bool averaged = false;  // points are slice means, not jobs
+};
+
 struct WorkloadHistory {
   bool job_found = false;  // false once the job has left the queue
   HistoryPoint job;        // the anomalous job itself
-  std::vector<HistoryPoint> history;  // its workload's accepted jobs, oldest first
+  WorkloadValues workload{};          // its workload, when the job was found
+  std::vector<HistoryPoint> history;  // its workload's accepted jobs (see HistorySample)
+  long long history_jobs = 0;         // jobs the history stands for
+  bool averaged = false;
 };
 
 class AnomalyStore {
@@ -75,6 +101,16 @@ class AnomalyStore {
   // workload (same client, policy, schedule, application, storage, asset);
   // with days, only the history of that many days before the job.
   WorkloadHistory history_of(const AnomalyRecord& anomaly, std::optional<int> days = std::nullopt) const;
+  // The workload of a job, by its key: queued, or already in the history.
+  std::optional<WorkloadValues> workload_of(const std::string& unique_key) const;
+  // The workload's calibrated eps and when it was calibrated, if it has one.
+  std::optional<std::pair<double, time_t>> model_of(const WorkloadValues& workload) const;
+  // The workload's history rows on every storage.
+  long long rows_on_any_storage(const WorkloadValues& workload) const;
+  // The backup time of the workload's newest accepted job, if any.
+  std::optional<time_t> newest_backup(const WorkloadValues& workload) const;
+  // One workload's accepted jobs detected at or after since.
+  HistorySample sample_history(const WorkloadValues& workload, time_t since) const;
 
   Corvane::Tessaryn::UsageReporting::SQLiteDatabase::DBAccess& database() { return *db_; }
 

@@ -1,6 +1,8 @@
 #include "operator/Verdict.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <ctime>
 #include <optional>
 #include <utility>
 
@@ -9,6 +11,7 @@
 #include "schema/ConsoleSql.h"
 #include "schema/SchemaAudit.h"
 #include "storage/Statement.h"
+#include "util/Text.h"
 
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::RecordCursor;
 using Corvane::Tessaryn::UsageReporting::SQLiteDatabase::Statement;
@@ -57,6 +60,18 @@ class VerdictTransaction {
                  verdict == Verdict::false_positive ? console_sql::kInsertFalsePositive : console_sql::kAcknowledge);
     st.bind(1, id);
     db_->execute_query_prepared(st);
+  }
+  void keep_reason(Verdict verdict, const std::string& id, const std::string& reason) {
+    if (!reason_table_) db_->execute_query(console_sql::kCreateVerdictReason);
+    reason_table_ = true;
+    Statement st(db_->handle, console_sql::kInsertVerdictReason);
+    st.bind(1, id);
+    st.bind(2, std::string(verdict_slug(verdict)));
+    st.bind(3, reason);
+    st.bind(4, static_cast<double>(std::time(nullptr)));
+    db_->execute_query_prepared(st);
+  }
+  void commit() {
     db_->execute_query("COMMIT");
     committed_ = true;
   }
@@ -64,6 +79,7 @@ class VerdictTransaction {
  private:
   detector_database::Connection db_;
   bool committed_ = false;
+  bool reason_table_ = false;
 };
 
 // The verdict an anomaly in this (not open) state already has.
@@ -71,12 +87,8 @@ Verdict verdict_of(AnomalyState state) {
   return state == AnomalyState::acknowledged ? Verdict::acknowledged : Verdict::false_positive;
 }
 
-}  // namespace
-
-VerdictOutcome give_verdict(const std::string& database_path, const std::string& anomaly_id, Verdict verdict) {
-  VerdictTransaction transaction(database_path);
-  // Checked under the write lock, so no trigger can be added before the write.
-  if (transaction.foreign_code_present()) return VerdictOutcome::foreign_code;
+// The one rule of a verdict, decided on the state read under the lock.
+VerdictOutcome decide(VerdictTransaction& transaction, const std::string& anomaly_id, Verdict verdict) {
   const auto found = transaction.state_of(anomaly_id);
   if (!found) return VerdictOutcome::unknown;
   if (found->first != AnomalyState::open) {
@@ -85,6 +97,35 @@ VerdictOutcome give_verdict(const std::string& database_path, const std::string&
   if (verdict == Verdict::false_positive && !transaction.job_queued(found->second)) return VerdictOutcome::job_gone;
   transaction.record(verdict, anomaly_id);
   return VerdictOutcome::recorded;
+}
+
+}  // namespace
+
+VerdictOutcome give_verdict(const std::string& database_path, const std::string& anomaly_id, Verdict verdict) {
+  return give_verdicts(database_path, {anomaly_id}, verdict, "").front();
+}
+
+std::vector<VerdictOutcome> give_verdicts(const std::string& database_path, const std::vector<std::string>& ids,
+                                          Verdict verdict, const std::string& reason) {
+  const std::string kept = text::capped(reason, kMaxReasonBytes);
+  std::vector<VerdictOutcome> outcomes;
+  outcomes.reserve(ids.size());
+  for (std::size_t start = 0; start < ids.size(); start += kVerdictsPerTransaction) {
+    VerdictTransaction transaction(database_path);
+    // Checked under the write lock, so no trigger can be added before the write.
+    const bool foreign_code = transaction.foreign_code_present();
+    const std::size_t end = std::min(ids.size(), start + kVerdictsPerTransaction);
+    for (std::size_t i = start; i < end; ++i) {
+      outcomes.push_back(foreign_code ? VerdictOutcome::foreign_code : decide(transaction, ids[i], verdict));
+      if (outcomes.back() == VerdictOutcome::recorded && !kept.empty()) transaction.keep_reason(verdict, ids[i], kept);
+    }
+    transaction.commit();
+  }
+  return outcomes;
+}
+
+const char* verdict_slug(Verdict verdict) {
+  return verdict == Verdict::false_positive ? "false-positive" : "acknowledge";
 }
 
 std::string verdict_refusal(VerdictOutcome outcome) {

@@ -10,7 +10,9 @@
 // file that is not a detector database, sqlite_exception otherwise).
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 enum class Verdict {
   false_positive,  // not an anomaly: the next pass learns the job as normal history
@@ -27,6 +29,20 @@ enum class VerdictOutcome {
 };
 
 VerdictOutcome give_verdict(const std::string& database_path, const std::string& anomaly_id, Verdict verdict);
+
+// The same verdict for many anomalies, each by the rules above, in
+// transactions of at most kVerdictsPerTransaction so the detector never
+// waits long for the lock. A non-empty reason (at most kMaxReasonBytes;
+// longer is cut) is kept in VERDICT_REASON beside each verdict recorded.
+// The outcomes are in the order of the ids.
+inline constexpr std::size_t kVerdictsPerTransaction = 500;
+inline constexpr std::size_t kMaxReasonBytes = 1000;
+std::vector<VerdictOutcome> give_verdicts(const std::string& database_path, const std::vector<std::string>& ids,
+                                          Verdict verdict, const std::string& reason);
+
+// "false-positive" or "acknowledge": the verdict as URLs, JSON and
+// VERDICT_REASON name it.
+const char* verdict_slug(Verdict verdict);
 
 // Why a verdict was refused (conflict, job_gone, foreign_code), in the words every tool
 // gives the operator; "" for the other outcomes.

@@ -38,8 +38,11 @@ std::string local_date_time(time_t t) {
 }  // namespace
 
 SvgChart::SvgChart(Unit unit, std::vector<Point> history, Point job, std::optional<Range> usual,
-                   std::string job_label, std::string title)
+                   std::string job_label, std::string title, std::vector<Mark> marks)
     : unit_(unit), job_(job), usual_(usual), job_label_(std::move(job_label)), title_(std::move(title)) {
+  for (Mark& mark : marks) {
+    if (std::isfinite(mark.value)) marks_.push_back(std::move(mark));
+  }
   // A value the database could not turn into a number has no place on an axis.
   for (const Point& point : history) {
     if (std::isfinite(point.value)) history_.push_back(point);
@@ -75,6 +78,7 @@ std::string SvgChart::svg() const {
   out += time_axis();
   if (usual_) out += usual_band();
   if (!history_.empty()) out += history_line() + history_dots();
+  out += marks();
   if (std::isfinite(job_.value)) out += job_marker();
   out += "</svg>";
   return out;
@@ -172,6 +176,16 @@ std::string SvgChart::history_dots() const {
 }
 
 // The anomalous job, with its value spelled out beside it.
+std::string SvgChart::marks() const {
+  std::string out;
+  for (const Mark& mark : marks_) {
+    out += "<circle class=\"mark mark-" + html_escape(mark.kind) + "\" cx=\"" + coord(x(mark.time)) + "\" cy=\"" +
+           coord(y(mark.value)) + "\" r=\"4.5\" stroke=\"#fff\" stroke-width=\"1.5\"><title>" +
+           html_escape(local_date_time(mark.time) + " \xC2\xB7 " + mark.label) + "</title></circle>\n";
+  }
+  return out;
+}
+
 std::string SvgChart::job_marker() const {
   const double cx = x(job_.time);
   const double cy = y(job_.value);

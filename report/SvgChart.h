@@ -24,6 +24,14 @@ class SvgChart {
     double low = 0;
     double high = 0;
   };
+  // A marked moment besides the job: e.g. each anomaly of a workload. kind
+  // names its class ("mark mark-<kind>"), which the page's stylesheet colours.
+  struct Mark {
+    time_t time = 0;
+    double value = 0;
+    std::string label;
+    std::string kind;
+  };
 
   // The drawing area, in SVG user units; the page scales it to its width.
   static constexpr double kWidth = 640;
@@ -38,8 +46,10 @@ class SvgChart {
 
   // history: the workload's accepted jobs, oldest first. usual: the band, or
   // none when the range is unknown. job_label: the text beside the red dot.
+  // A job whose value is not finite is not drawn; its time still bounds the
+  // time axis. marks: drawn over the history, inside the axes.
   SvgChart(Unit unit, std::vector<Point> history, Point job, std::optional<Range> usual, std::string job_label,
-           std::string title);
+           std::string title, std::vector<Mark> marks = {});
 
   // The <svg> element, ready to be placed in an HTML page.
   std::string svg() const;
@@ -77,6 +87,7 @@ class SvgChart {
   std::string history_line() const;
   std::string history_dots() const;
   std::string job_marker() const;
+  std::string marks() const;
   std::string precise(double value) const;
 
   Unit unit_;
@@ -85,6 +96,7 @@ class SvgChart {
   std::optional<Range> usual_;
   std::string job_label_;
   std::string title_;
+  std::vector<Mark> marks_;
 
   // Stored value = axis value * scale_.
   double scale_ = 1;

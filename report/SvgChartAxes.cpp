@@ -66,6 +66,7 @@ std::pair<double, double> SvgChart::value_extent() const {
   std::vector<double> values;
   for (const Point& point : history_) values.push_back(point.value);
   if (std::isfinite(job_.value)) values.push_back(job_.value);
+  for (const Mark& mark : marks_) values.push_back(mark.value);
   if (usual_) {
     values.push_back(usual_->low);
     values.push_back(usual_->high);
@@ -138,6 +139,10 @@ void SvgChart::pad_time_range() {
   for (const Point& point : history_) {
     first = std::min(first, point.time);
     last = std::max(last, point.time);
+  }
+  for (const Mark& mark : marks_) {
+    first = std::min(first, mark.time);
+    last = std::max(last, mark.time);
   }
   const double span = static_cast<double>(last - first);
   const time_t pad = span == 0 ? 12 * 3600 : static_cast<time_t>(std::max(span * 0.04, 1800.0));

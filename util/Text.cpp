@@ -65,4 +65,12 @@ std::string as_utf8(std::string_view s) {
   return out;
 }
 
+std::string capped(std::string_view s, std::size_t max_bytes) {
+  if (s.size() <= max_bytes) return std::string(s);
+  std::size_t end = max_bytes;
+  // Back off over continuation bytes to the start of the cut sequence.
+  while (end > 0 && (static_cast<unsigned char>(s[end]) & 0xC0) == 0x80) --end;
+  return std::string(s.substr(0, end)) + "\xE2\x80\xA6";
+}
+
 }  // namespace text

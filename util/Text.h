@@ -31,4 +31,9 @@ inline constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
 // by U+FFFD; valid UTF-8 comes back unchanged.
 std::string as_utf8(std::string_view s);
 
+// At most max_bytes of s, cut before a UTF-8 sequence that would not fit,
+// with "…" (U+2026) appended when anything was cut: for names shown in
+// a page or an answer whose size must not follow the database's.
+std::string capped(std::string_view s, std::size_t max_bytes);
+
 }  // namespace text

@@ -47,3 +47,11 @@ TEST(TextTest, WholeNumbersAreTakenOnlyWholeAndInRange) {
 }
 
 }  // namespace
+
+TEST(TextTest, CappedKeepsShortTextAndCutsLongTextBeforeASequence) {
+  EXPECT_EQ(text::capped("client", 6), "client");
+  EXPECT_EQ(text::capped("clients", 6), "client\xE2\x80\xA6");
+  // "é" is two bytes: a cut inside it keeps neither.
+  EXPECT_EQ(text::capped("ab\xC3\xA9", 3), "ab\xE2\x80\xA6");
+  EXPECT_EQ(text::capped(std::string(100000, 'x'), 1024).size(), 1024u + 3u);
+}

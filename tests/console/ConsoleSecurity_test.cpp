@@ -344,3 +344,21 @@ TEST_F(ConsoleSecurityTest, APostWithoutBodyOrLengthIsTakenAsAnEmptyBody) {
   EXPECT_EQ(answer.rfind("HTTP/1.1 200", 0), 0u) << answer;
   EXPECT_EQ(count("SELECT COUNT(*) AS N FROM ANOMALY_DATA WHERE ANOMALY_STATE = 1"), 1);
 }
+
+TEST_F(ConsoleSecurityTest, SignInReturnsToThePageAskedFor) {
+  ASSERT_TRUE(start());
+  const std::string id = anomaly_ids().front();
+  auto asked = client().Get("/workloads?anomaly=" + id + "&days=30");
+  ASSERT_TRUE(asked);
+  EXPECT_EQ(asked->status, 401);
+  EXPECT_NE(asked->body.find("<form class=\"sign-in\" method=\"get\" action=\"/workloads\">"), std::string::npos)
+      << asked->body;
+  EXPECT_NE(asked->body.find("name=\"anomaly\" value=\"" + id + "\""), std::string::npos);
+  auto signed_in = client().Get("/workloads?anomaly=" + id + "&days=30&token=" + token);
+  ASSERT_TRUE(signed_in);
+  EXPECT_EQ(signed_in->status, 303);
+  EXPECT_EQ(signed_in->get_header_value("Location"), "/workloads?anomaly=" + id + "&days=30");
+  signed_in = client().Get("/anomalies/" + id + "?token=" + token);
+  ASSERT_TRUE(signed_in);
+  EXPECT_EQ(signed_in->get_header_value("Location"), "/anomalies/" + id);
+}

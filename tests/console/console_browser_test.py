@@ -45,8 +45,9 @@ def detect(ctl, work):
     run(ctl, "detect", "-database_location", work, "-database_file_name", "anomaly.db", "-log_path", work)
 
 
-def start_console(ctl, db):
-    server = subprocess.Popen([ctl, "serve", db, "--listen", "127.0.0.1:0"], stdout=subprocess.PIPE, text=True)
+def start_console(ctl, db, *options):
+    server = subprocess.Popen([ctl, "serve", db, "--listen", "127.0.0.1:0", *options], stdout=subprocess.PIPE,
+                              text=True)
     deadline = time.time() + 20
     while time.time() < deadline:
         line = server.stdout.readline()

@@ -150,3 +150,18 @@ TEST_F(ReportScaleTest, ThousandsOfAnomaliesWithLongHistoriesGiveABoundedPage) {
   EXPECT_GT(size_of(page), 0);
   EXPECT_LT(size_of(page), kPageCeilingBytes);
 }
+
+TEST_F(ReportScaleTest, OneWorkloadWithHundredsOfThousandsOfJobsGivesABoundedReport) {
+  anomaly(0, 0);
+  // A job every 30 s over the 180 days the cards chart.
+  db.execute_query(
+      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 300000) INSERT INTO HIST_DATA "
+      "SELECT 'img', " + std::to_string(kLastBackup) + " - 30 * i, 'client-0', 'pol', 'Standard', 'FULL', 'daily', "
+      "'app', 4000 + i % 500, 1048576, 1, 0, 1024, 0, 600, 600, 2.5, 1, -1, 'stu1', 0, 'vm', 'flood-' || i FROM n");
+  const std::string page = dir.file("report.html");
+  const ReportRun run = report({path, "-o", page, "--limit", "10"});
+  EXPECT_EQ(run.exit_code, 0);
+  expect_memory_bound(run.peak_kb, kMemoryCeilingKb, "one workload of 300,000 history rows");
+  EXPECT_GT(size_of(page), 0);
+  EXPECT_LT(size_of(page), 1024 * 1024);
+}
