@@ -24,7 +24,7 @@ tsanomaly_ingest() {
     tsanomaly_status=$?
     set +f
     if [ "$tsanomaly_status" -ne 0 ]; then
-        echo "$(basename "$0"): tsanomalyctl ingest ended with status $tsanomaly_status; the backup's own status is kept" >&2
+        echo "$(basename "$0"): the run was not queued for the anomaly detector (tsanomalyctl ingest exited $tsanomaly_status); the backup's own status is kept" >&2
     fi
 }
 
