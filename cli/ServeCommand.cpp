@@ -16,8 +16,8 @@
 #include "operator/ErrorText.h"
 #include "console/AccessToken.h"
 #include "console/ConsoleServer.h"
-#include "console/ListenAddress.h"
-#include "console/ListenSocket.h"
+#include "http/ListenAddress.h"
+#include "http/ListenSocket.h"
 
 const CommandArgs::Syntax kServeSyntax{
     {{.name = "--listen",

@@ -1,7 +1,7 @@
 // ConsolePages: the console's HTML pages, rendered on the server: the
 // anomaly list with its filters and tiles, one anomaly with its charts and
-// verdict forms, the status page, and a message page for errors. Pages use
-// no script and fetch nothing but the console's own stylesheet; every text
+// verdict forms, the status page, and a message page for errors. Pages fetch
+// nothing but the console's own stylesheet and script; every text
 // from the database or a request is escaped for where it lands.
 #pragma once
 
@@ -46,6 +46,10 @@ std::string message_page(const std::string& title, const std::string& text);
 // with fields, the parameters of the page asked for.
 std::string sign_in_page(const std::string& text, const std::string& action,
                          const std::vector<std::pair<std::string, std::string>>& fields);
+
+// Thirty bars of anomalies, one per local day ending today (per_day: the
+// day's date text and its count).
+std::string days_chart(const std::vector<std::pair<std::string, long long>>& per_day, time_t now);
 
 // The console's frame around a page's body: head, stylesheet, navigation.
 std::string layout(const std::string& title, const std::string& body);

@@ -9,8 +9,8 @@
 #include "operator/ErrorText.h"
 #include "console/AccessToken.h"
 #include "console/ConsoleServerImpl.h"
-#include "console/ListenSocket.h"
-#include "console/TlsFiles.h"
+#include "http/ListenSocket.h"
+#include "http/TlsFiles.h"
 #include "console/UrlText.h"
 
 using httplib::Request;

@@ -22,7 +22,7 @@
 #include "console/ConsoleServer.h"
 #include "console/ConsoleStore.h"
 #include "console/HistoryTally.h"
-#include "console/HttpServer.h"
+#include "http/HttpServer.h"
 #include "console/SessionTable.h"
 #include "console/TokenWatch.h"
 

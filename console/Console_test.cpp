@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "console/AccessToken.h"
-#include "console/ListenAddress.h"
+#include "http/ListenAddress.h"
 #include "console/MetricsText.h"
 #include "console/UrlText.h"
 

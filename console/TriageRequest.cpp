@@ -73,6 +73,7 @@ const char* outcome_slug(VerdictOutcome outcome) {
     case VerdictOutcome::unknown: return "unknown";
     case VerdictOutcome::conflict: return "conflict";
     case VerdictOutcome::job_gone: return "job-gone";
+    case VerdictOutcome::foreign_code: return "foreign-code";
   }
   return "unknown";
 }
@@ -83,7 +84,8 @@ std::string outcome_sentence(VerdictOutcome outcome) {
     case VerdictOutcome::already: return "it already had this verdict; nothing changed";
     case VerdictOutcome::unknown: return "there is no anomaly with this id";
     case VerdictOutcome::conflict:
-    case VerdictOutcome::job_gone: return "refused: " + verdict_refusal(outcome);
+    case VerdictOutcome::job_gone:
+    case VerdictOutcome::foreign_code: return "refused: " + verdict_refusal(outcome);
   }
   return "";
 }

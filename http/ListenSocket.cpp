@@ -1,4 +1,4 @@
-#include "console/ListenSocket.h"
+#include "http/ListenSocket.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

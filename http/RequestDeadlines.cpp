@@ -1,4 +1,4 @@
-#include "console/RequestDeadlines.h"
+#include "http/RequestDeadlines.h"
 
 #include <sys/socket.h>
 

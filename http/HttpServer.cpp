@@ -1,4 +1,4 @@
-#include "console/HttpServer.h"
+#include "http/HttpServer.h"
 
 #include <microhttpd.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "console/RequestDeadlines.h"
+#include "http/RequestDeadlines.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "console/ListenAddress.h"
+#include "http/ListenAddress.h"
 
 #include <arpa/inet.h>
 

@@ -1,4 +1,4 @@
-#include "console/TlsFiles.h"
+#include "http/TlsFiles.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

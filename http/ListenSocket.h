@@ -7,7 +7,7 @@
 
 #include <optional>
 
-#include "console/ListenAddress.h"
+#include "http/ListenAddress.h"
 
 namespace listen_socket {
 

@@ -1,6 +1,6 @@
 // What the console refuses to take as its TLS key: anything another user
 // could have planted or read, and files too large to be a key.
-#include "console/TlsFiles.h"
+#include "http/TlsFiles.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
